@@ -1,0 +1,193 @@
+#pragma once
+/// Classes, components and virtual interfaces.
+///
+/// A virtual interface is written once as a method list and declared with
+/// `QUORV_VIRTUAL_INTERFACE(CameraInterface, "net.quorv.render.interface.camera", CAMERA_METHODS)`.
+/// That gives the method indices, the interface record (matched by id across modules, never by
+/// pointer or RTTI), the caller's handle `CameraInterface::Ref` whose methods call through the
+/// class's method table, and `FillMTable<IMPL>`, which writes an implementation's methods.
+///
+/// A class is made of components. The host builds a class's method tables by letting each
+/// component fill them in order, so a later component overrides a method of an earlier one;
+/// the overriding method reaches the earlier implementation through `CallSuper`.
+
+#include <type_traits>
+#include <utility>
+
+#include "quorv/services.h"
+
+namespace quorv {
+
+/// Opaque instance of a class; counted through quorv/ref.h.
+struct ObjectInstance;
+using ObjectRef = Ref<ObjectInstance>;
+
+namespace classes_detail {
+
+template <typename IMPL>
+IMPL* StateOf(void* instance, const ComponentInfo* info) {
+    return reinterpret_cast<IMPL*>(static_cast<char*>(instance) + info->offset);
+}
+
+template <auto F, typename Sig>
+struct MethodThunk;
+template <typename C, typename R, typename... A, R (C::*F)(A...)>
+struct MethodThunk<F, R(A...)> {
+    static R Call(void* instance, const ComponentInfo* info, A... a) {
+        return (StateOf<C>(instance, info)->*F)(std::forward<A>(a)...);
+    }
+};
+template <typename C, typename R, typename... A, R (C::*F)(A...) const>
+struct MethodThunk<F, R(A...)> {
+    static R Call(void* instance, const ComponentInfo* info, A... a) {
+        return (StateOf<C>(instance, info)->*F)(std::forward<A>(a)...);
+    }
+};
+
+template <typename Sig>
+struct Invoker;
+template <typename R, typename... A>
+struct Invoker<R(A...)> {
+    using Function = R (*)(void*, const ComponentInfo*, A...);
+    const MethodEntry& entry;
+    void* instance;
+    R operator()(A... a) const {
+        return reinterpret_cast<Function>(entry.function)(instance, entry.info,
+                                                          std::forward<A>(a)...);
+    }
+};
+
+}  // namespace classes_detail
+
+/// The base object interface every class implements.
+const InterfaceRecord& ObjectInterfaceRecord();
+
+/// Calls the implementation of method `index` of `interface` that stood before the component
+/// of `info` overrode it.
+template <typename Sig>
+classes_detail::Invoker<Sig> CallSuper(void* instance, const ComponentInfo* info,
+                                       const InterfaceRecord& interface, Int index,
+                                       MethodEntry& storage) {
+    storage = ClassInterface::GetSuperMethod(info, &interface, index);
+    return classes_detail::Invoker<Sig>{storage, instance};
+}
+
+/// Creates an instance of the class registered under `id` in `registry`. An unknown id is an
+/// illegal-argument error that names the id and the registry.
+Result<ObjectRef> CreateObjectById(const LiteralId& registry, const LiteralId& id);
+
+/// The class id of an instance, or an empty id.
+LiteralId GetClassIdOf(const ObjectInstance* instance);
+
+/// Generic create, register and unregister functions of a class record (the pattern every
+/// class of a module follows).
+Result<ClassObject*> CreateClassFromRecord(ClassRecord* record, const SourceLocation& loc);
+Result<void> RegisterClassRecord(ClassRecord* record);
+void UnregisterClassRecord(ClassRecord* record);
+
+/// Fills a component record for the C++ type IMPL implementing interface I.
+template <typename IMPL, typename I>
+void FillComponentRecord(ComponentRecord& record) {
+    record.construct = [](void* s) { new (s) IMPL(); };
+    record.destruct = [](void* s) { static_cast<IMPL*>(s)->~IMPL(); };
+    record.init = nullptr;
+    record.free = nullptr;
+    record.copy = [](void* d, const void* s) -> Result<void> {
+        *static_cast<IMPL*>(d) = *static_cast<const IMPL*>(s);
+        return OK;
+    };
+    record.fillMTable = &I::template FillMTable<IMPL>;
+    record.interface = &I::Record();
+    record.kind = 1;
+    record.stateSize = sizeof(IMPL);
+    record.alignment = 8;
+    record.mtableSize = (I::COUNT + 0) * 2 * sizeof(void*);
+    static_assert(alignof(IMPL) <= 16);
+}
+
+/// Defines a component and a one-component class with the same id in `registry`.
+void DefineSimpleClass(ComponentRecord& component, ClassRecord& cls,
+                       const ComponentRecord* const* componentList, LiteralId id,
+                       LiteralId registry, TranslationUnitRecord& unit, const char* sourceName);
+
+}  // namespace quorv
+
+#define QUORV_V_INDEX(R, Name, Params, Args) IDX_##Name,
+#define QUORV_V_NAME(R, Name, Params, Args) #Name "\0"
+#define QUORV_V_KIND(R, Name, Params, Args)                                \
+    static_cast<::quorv::UInt8>(::quorv::slots_detail::ReturnKindOf<R>() | \
+                                static_cast<::quorv::UInt8>(               \
+                                    ::quorv::UNRESOLVED_RETURN_TYPE::MEMBER_FUNCTION_FLAG)),
+#define QUORV_V_CALL(R, Name, Params, Args)                                               \
+    R Name Params const {                                                                 \
+        return ::quorv::classes_detail::Invoker<R Params>{_mtable[IDX_##Name], _instance} \
+            Args;                                                                         \
+    }
+#define QUORV_V_FILL(R, Name, Params, Args)                                                    \
+    table[IDX_##Name] = ::quorv::MethodEntry{                                                  \
+        reinterpret_cast<void*>(&::quorv::classes_detail::MethodThunk<&IMPL::Name, R Params>::Call), \
+        info};
+
+/// Declares a virtual interface (see the top of this file).
+#define QUORV_VIRTUAL_INTERFACE(CLASS, ID, METHODS)                                           \
+    struct CLASS {                                                                            \
+        static constexpr const char* INTERFACE_ID = ID;                                       \
+        enum : ::quorv::Int { METHODS(QUORV_V_INDEX) COUNT };                                 \
+        /** The interface record of this binary; matched by id. */                            \
+        static const ::quorv::InterfaceRecord& Record() {                                     \
+            static const ::quorv::UInt8 kinds[] = {METHODS(QUORV_V_KIND)};                    \
+            static const ::quorv::InterfaceRecord r = [] {                                    \
+                ::quorv::InterfaceRecord x;                                                   \
+                x.type = static_cast<::quorv::UInt32>(::quorv::EntityBase::TYPE::INTERFACE);  \
+                x.id = ::quorv::LiteralId(ID);                                                \
+                x.base = &::quorv::ObjectInterfaceRecord();                                   \
+                x.methodNames = METHODS(QUORV_V_NAME);                                        \
+                x.returnKinds = kinds;                                                        \
+                x.methodCount = COUNT;                                                        \
+                return x;                                                                     \
+            }();                                                                              \
+            return r;                                                                         \
+        }                                                                                     \
+        /** Writes IMPL's methods into the class's table for this interface. */               \
+        template <typename IMPL>                                                              \
+        static bool FillMTable(::quorv::ClassObject* cls, const ::quorv::ComponentInfo* info) { \
+            if (!::quorv::ClassInterface::GetOrCreateMTable(cls, &::quorv::ObjectInterfaceRecord())) \
+                return false;                                                                 \
+            ::quorv::MethodEntry* table = ::quorv::ClassInterface::GetOrCreateMTable(cls, &Record()); \
+            if (!table) return false;                                                         \
+            METHODS(QUORV_V_FILL)                                                             \
+            return true;                                                                      \
+        }                                                                                     \
+        /** A counted handle of an instance, called through this interface. */                \
+        class Ref {                                                                           \
+        public:                                                                               \
+            Ref() = default;                                                                  \
+            /** The interface of `object`, or an illegal-argument error when its class does   \
+                not implement it. */                                                          \
+            static ::quorv::Result<Ref> Cast(const ::quorv::ObjectRef& object) {              \
+                if (!object) return ::quorv::MakeError(::quorv::ERRORKIND::NULLPTR,           \
+                                                       QUORV_SOURCE_LOCATION, "null object"); \
+                const ::quorv::MethodEntry* mt =                                              \
+                    ::quorv::ClassInterface::GetMTable(object.Get(), &Record());              \
+                if (!mt)                                                                      \
+                    return ::quorv::MakeError(                                                \
+                        ::quorv::ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,           \
+                        ::quorv::FormatMessage("Class @ does not implement @",                \
+                                               {::quorv::GetClassIdOf(object.Get()).View(),   \
+                                                ID}));                                        \
+                Ref r;                                                                        \
+                r._object = object;                                                           \
+                r._instance = object.Get();                                                   \
+                r._mtable = mt;                                                               \
+                return r;                                                                     \
+            }                                                                                 \
+            METHODS(QUORV_V_CALL)                                                             \
+            const ::quorv::ObjectRef& GetObject() const { return _object; }                   \
+            explicit operator bool() const { return _instance != nullptr; }                   \
+                                                                                              \
+        private:                                                                              \
+            ::quorv::ObjectRef _object;                                                       \
+            void* _instance = nullptr;                                                        \
+            const ::quorv::MethodEntry* _mtable = nullptr;                                    \
+        };                                                                                    \
+    }

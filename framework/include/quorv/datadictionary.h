@@ -1,0 +1,87 @@
+#pragma once
+/// The C++ face of data dictionaries: copy-on-write stores of typed values by key, with a
+/// shared empty instance that stands in for a null one.
+
+#include "quorv/services.h"
+
+namespace quorv {
+
+/// A declared dictionary key with its value type. Keys are defined at namespace scope in a
+/// module source; each chains itself under `g_quorv.idList` so a host can list them.
+template <typename T>
+class DictionaryKey {
+public:
+    explicit DictionaryKey(const char* id) {
+        _record.id = LiteralId(id);
+        _record.typeId = DataTypeIdOf<T>::id;
+        _record.getType = &GetDataType<T>;
+        AddDictionaryKey(_record);
+    }
+    const LiteralId& GetId() const { return _record.id; }
+
+private:
+    DictionaryKeyRecord _record;
+};
+
+/// A counted reference to a host dictionary, or null.
+class DataDictionary {
+public:
+    DataDictionary() = default;
+    /// Takes a new reference on `d`.
+    explicit DataDictionary(const DataDictionaryObject* d) : _d(const_cast<DataDictionaryObject*>(d)) {
+        AddReference(_d);
+    }
+    DataDictionary(const DataDictionary& o) : _d(o._d) { AddReference(_d); }
+    DataDictionary(DataDictionary&& o) noexcept : _d(std::exchange(o._d, nullptr)) {}
+    DataDictionary& operator=(DataDictionary o) noexcept {
+        std::swap(_d, o._d);
+        return *this;
+    }
+    ~DataDictionary() { RemoveReference(_d); }
+
+    /// A new empty dictionary; out of memory gives the kind 0 error.
+    static Result<DataDictionary> Create();
+
+    bool IsNull() const { return _d == nullptr; }
+    const DataDictionaryObject* GetObject() const { return _d; }
+
+    /// This dictionary, or the host's shared empty one when null. Null only when neither exists.
+    const DataDictionaryObject* GetReadable() const {
+        return _d ? _d : DataDictionaryInterface::GetEmpty();
+    }
+
+    /// The value under `key`, or `defaultValue` when absent or of another type.
+    template <typename T>
+    T Get(const DictionaryKey<T>& key, const T& defaultValue) const {
+        return Get<T>(key.GetId(), defaultValue);
+    }
+    template <typename T>
+    T Get(const LiteralId& key, const T& defaultValue) const {
+        const DataDictionaryObject* d = GetReadable();
+        if (!d) return defaultValue;
+        Data value;
+        if (!DataDictionaryInterface::GetData(d, key, &value)) return defaultValue;
+        const T* v = value.template Get<T>();
+        return v ? *v : defaultValue;
+    }
+    /// The raw value under `key`; empty when absent.
+    Data GetData(const LiteralId& key) const;
+
+    /// Stores a value, first replacing a shared dictionary by a private copy.
+    template <typename T>
+    Result<void> Set(const DictionaryKey<T>& key, const T& value) {
+        Data d = Data::Of(value);
+        if (d.IsEmpty()) return MakeError(ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION);
+        return SetData(key.GetId(), d);
+    }
+    Result<void> SetData(const LiteralId& key, const Data& value);
+
+    /// Makes this dictionary private: a shared one is replaced by a copy. A null one is created.
+    Result<void> MakeWritable();
+    Int GetCount() const;
+
+private:
+    DataDictionaryObject* _d = nullptr;
+};
+
+}  // namespace quorv

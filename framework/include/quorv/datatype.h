@@ -1,0 +1,104 @@
+#pragma once
+/// Data types and typed values. A `DataType` is a host object (counted unless immortal) that
+/// names a C++ type and carries its 22 generic operations; a `Data` is one value of any type,
+/// held on the heap through the type's heap form.
+
+#include <string>
+
+#include "quorv/entity.h"
+
+namespace quorv {
+
+/// A data type object. Plain record: modules read it directly.
+struct DataType {
+    static constexpr UInt8 FLAG_IMMORTAL = 1;
+
+    LiteralId id;
+    const char* typeName;
+    Int size;
+    Int alignment;
+    const DataTypeOperations* operations;
+    DATATYPEKIND kind;
+    UInt8 flags;                 ///< bit 0: immortal, no reference counting
+    const EnumValue* enumValues;  ///< enumerations: their values
+    Int enumCount;
+    const DataType* elementType;  ///< generic and delegate types: what they wrap
+};
+
+/// Builds a data type's operation table for a C++ type from its default constructor, copy and
+/// move. Comparison operations say "Stop: IsEqual not defined." (and so on) and return 0 unless
+/// `WITH_COMPARE` is set, in which case `==` and `<` are used.
+template <typename T, bool WITH_COMPARE>
+const DataTypeOperations& DataTypeOperationsOf();
+
+/// A typed value, or empty. Copy clones through the type; destruction frees through it.
+class Data {
+public:
+    Data() = default;
+    Data(const Data& o);
+    Data(Data&& o) noexcept : _type(o._type), _value(o._value) {
+        o._type = nullptr;
+        o._value = nullptr;
+    }
+    Data& operator=(Data o) noexcept {
+        std::swap(_type, o._type);
+        std::swap(_value, o._value);
+        return *this;
+    }
+    ~Data() { Reset(); }
+
+    /// A value of `type` copied from `src`; empty when memory is short (IsEmpty then tells).
+    static Data Make(const DataType* type, const void* src);
+    template <typename T>
+    static Data Of(const T& v);
+
+    void Reset();
+    bool IsEmpty() const { return _type == nullptr; }
+    const DataType* GetType() const { return _type; }
+    const void* GetPointer() const { return _value; }
+    void* GetPointer() { return _value; }
+    /// The value when it has type T (by type object), else null.
+    template <typename T>
+    const T* Get() const;
+
+private:
+    const DataType* _type = nullptr;
+    void* _value = nullptr;
+};
+static_assert(sizeof(Data) == 16);
+
+/// Maps a C++ type to its data type id. Specialised for every type that crosses modules.
+template <typename T>
+struct DataTypeIdOf;
+
+#define QUORV_DATATYPE_ID(TYPE, ID)                          \
+    template <>                                              \
+    struct DataTypeIdOf<TYPE> {                              \
+        static constexpr const char* id = ID;                \
+    }
+
+QUORV_DATATYPE_ID(Bool, "bool");
+QUORV_DATATYPE_ID(Int32, "int32");
+QUORV_DATATYPE_ID(Int, "int64");
+QUORV_DATATYPE_ID(Float32, "float32");
+QUORV_DATATYPE_ID(Float64, "float64");
+QUORV_DATATYPE_ID(Vector2d64, "net.quorv.parametrictype.vec<2,float64>");
+QUORV_DATATYPE_ID(Vector64, "net.quorv.parametrictype.vec<3,float64>");
+QUORV_DATATYPE_ID(Vector32, "net.quorv.parametrictype.vec<3,float32>");
+QUORV_DATATYPE_ID(Matrix64,
+                  "net.quorv.parametrictype.mat<3,net.quorv.parametrictype.vec<3,float64>>");
+QUORV_DATATYPE_ID(Color64, "net.quorv.parametrictype.col<3,float64>");
+QUORV_DATATYPE_ID(ColorA64, "net.quorv.parametrictype.col<4,float64>");
+QUORV_DATATYPE_ID(ColorA32, "net.quorv.parametrictype.col<4,float32>");
+QUORV_DATATYPE_ID(std::string, "net.quorv.string");
+
+/// The data type of T, looked up by id through the host once per module and cached. Null
+/// before the host is bound or when the host lacks the type.
+template <typename T>
+const DataType* GetDataType();
+
+/// Reports a missing comparison of a data type and answers 0.
+void ReportUndefinedOperation(const char* operation);
+
+}  // namespace quorv
+

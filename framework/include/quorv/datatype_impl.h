@@ -1,0 +1,148 @@
+#pragma once
+// Template definitions of quorv/datatype.h; included by quorv/services.h, which they call.
+
+#include <atomic>
+#include <functional>
+#include <new>
+#include <utility>
+
+namespace quorv {
+
+namespace datatype_detail {
+
+template <typename T>
+T* At(void* base, Int stride, Int i) {
+    return reinterpret_cast<T*>(static_cast<char*>(base) + stride * i);
+}
+template <typename T>
+const T* At(const void* base, Int stride, Int i) {
+    return reinterpret_cast<const T*>(static_cast<const char*>(base) + stride * i);
+}
+
+template <typename T, bool WITH_COMPARE>
+struct Ops {
+    static void Construct(void* d, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) new (At<T>(d, s, i)) T();
+    }
+    static void Destruct(void* d, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) At<T>(d, s, i)->~T();
+    }
+    static void Copy(void* d, const void* src, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) *At<T>(d, s, i) = *At<T>(src, s, i);
+    }
+    // Walks backwards when the destination lies above the source, so overlapping runs survive.
+    static void Move(void* d, void* src, Int s, Int n) {
+        if (n < 1) return;
+        if (d > src) {
+            for (Int i = n - 1; i >= 0; --i) *At<T>(d, s, i) = std::move(*At<T>(src, s, i));
+        } else {
+            for (Int i = 0; i < n; ++i) *At<T>(d, s, i) = std::move(*At<T>(src, s, i));
+        }
+    }
+    static void Swap(void* a, void* b, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) std::swap(*At<T>(a, s, i), *At<T>(b, s, i));
+    }
+    static void Fill(void* d, const void* v, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) *At<T>(d, s, i) = *static_cast<const T*>(v);
+    }
+    static void CopyConstruct(void* d, const void* src, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) new (At<T>(d, s, i)) T(*At<T>(src, s, i));
+    }
+    static void MoveConstruct(void* d, void* src, Int s, Int n) {
+        for (Int i = 0; i < n; ++i) new (At<T>(d, s, i)) T(std::move(*At<T>(src, s, i)));
+    }
+    static Bool IsEqual(const DataType*, const void* a, const void* b) {
+        if constexpr (WITH_COMPARE) {
+            return *static_cast<const T*>(a) == *static_cast<const T*>(b);
+        } else {
+            ReportUndefinedOperation("IsEqual");
+            return false;
+        }
+    }
+    static Int Compare(const DataType*, const void* a, const void* b) {
+        if constexpr (WITH_COMPARE) {
+            const T& x = *static_cast<const T*>(a);
+            const T& y = *static_cast<const T*>(b);
+            return x < y ? -1 : (y < x ? 1 : 0);
+        } else {
+            ReportUndefinedOperation("Compare");
+            return 0;
+        }
+    }
+    static UInt GetHashCode(const DataType*, const void* a) {
+        if constexpr (WITH_COMPARE) {
+            return std::hash<T>()(*static_cast<const T*>(a));
+        } else {
+            ReportUndefinedOperation("GetHashCode");
+            return 0;
+        }
+    }
+    static UInt GetUniqueHashCode(const DataType*, const void* a) {
+        if constexpr (WITH_COMPARE) {
+            return std::hash<T>()(*static_cast<const T*>(a));
+        } else {
+            ReportUndefinedOperation("GetUniqueHashCode");
+            return 0;
+        }
+    }
+    static void* HeapNew(const DataType*) {
+        void* p = SystemInterface::Alloc(sizeof(T), QUORV_SOURCE_LOCATION);
+        return p ? new (p) T() : nullptr;
+    }
+    static void* HeapClone(const DataType*, const void* src) {
+        void* p = SystemInterface::Alloc(sizeof(T), QUORV_SOURCE_LOCATION);
+        return p ? new (p) T(*static_cast<const T*>(src)) : nullptr;
+    }
+    static void HeapDelete(const DataType*, void* p) {
+        if (!p) return;
+        static_cast<T*>(p)->~T();
+        SystemInterface::Free(p);
+    }
+    static void HeapAssign(const DataType*, void* d, const void* src) {
+        *static_cast<T*>(d) = *static_cast<const T*>(src);
+    }
+    static Bool HeapIsEqual(const DataType* t, const void* a, const void* b) { return IsEqual(t, a, b); }
+    static Int HeapCompare(const DataType* t, const void* a, const void* b) { return Compare(t, a, b); }
+    static UInt HeapGetHashCode(const DataType* t, const void* a) { return GetHashCode(t, a); }
+    static void HeapReset(const DataType*, void* p) { *static_cast<T*>(p) = T(); }
+    static Int GetSize(const DataType*) { return sizeof(T); }
+    static Int GetAlignment(const DataType*) { return alignof(T); }
+
+    static constexpr DataTypeOperations table{
+        Construct,   Destruct,        Copy,          Move,
+        Swap,        Fill,            CopyConstruct, MoveConstruct,
+        IsEqual,     Compare,         GetHashCode,   GetUniqueHashCode,
+        HeapNew,     HeapClone,       HeapDelete,    HeapAssign,
+        HeapIsEqual, HeapCompare,     HeapGetHashCode, HeapReset,
+        GetSize,     GetAlignment};
+};
+
+}  // namespace datatype_detail
+
+template <typename T, bool WITH_COMPARE>
+const DataTypeOperations& DataTypeOperationsOf() {
+    return datatype_detail::Ops<T, WITH_COMPARE>::table;
+}
+
+template <typename T>
+const DataType* GetDataType() {
+    static std::atomic<const DataType*> cached{nullptr};
+    const DataType* t = cached.load(std::memory_order_acquire);
+    if (t) return t;
+    t = DataTypeLibInterface::GetRuntimeDataType(DataTypeIdOf<T>::id);
+    if (t) cached.store(t, std::memory_order_release);
+    return t;
+}
+
+template <typename T>
+Data Data::Of(const T& v) {
+    return Make(GetDataType<T>(), &v);
+}
+
+template <typename T>
+const T* Data::Get() const {
+    if (!_type || _type != GetDataType<T>()) return nullptr;
+    return static_cast<const T*>(_value);
+}
+
+}  // namespace quorv

@@ -1,0 +1,111 @@
+#include "quorv/result.h"
+
+#include <cstring>
+
+#include "quorv/services.h"
+
+namespace quorv {
+
+namespace {
+
+// Errors that need no memory: the answers when memory is short or the host is missing.
+struct StaticError {
+    ObjectHeader header;
+    ErrorObject error;
+};
+
+void NoDestroy(void*) {}
+
+StaticError g_outOfMemory{{nullptr, &NoDestroy, 0, UInt(1) << 60},
+                          {ERRORKIND::OUTOFMEMORY, LiteralId("net.quorv.error.outofmemory"),
+                           nullptr, {"result.cpp", 0}}};
+StaticError g_unresolved{{nullptr, &NoDestroy, 0, UInt(1) << 60},
+                         {ERRORKIND::UNRESOLVED, LiteralId("net.quorv.error.unresolved"),
+                          nullptr, {"result.cpp", 0}}};
+
+// The error block holds header, record and message text in one allocation.
+void DestroyError(void* object) { SystemInterface::Free(HeaderOf(object)); }
+
+Error Build(ERRORKIND kind, const char* id, const SourceLocation& loc, std::string_view message) {
+    Int bytes = static_cast<Int>(sizeof(ObjectHeader) + sizeof(ErrorObject) + message.size() + 1);
+    void* block = SystemInterface::Alloc(bytes, loc);
+    if (!block) {
+        if (kind == ERRORKIND::UNRESOLVED) return Error(&g_unresolved.error);
+        return OutOfMemoryError();
+    }
+    auto* header = new (block) ObjectHeader{nullptr, &DestroyError, 0, REFERENCE_STEP};
+    auto* e = reinterpret_cast<ErrorObject*>(header + 1);
+    char* text = reinterpret_cast<char*>(e + 1);
+    std::memcpy(text, message.data(), message.size());
+    text[message.size()] = 0;
+    *e = ErrorObject{kind, LiteralId(id), message.empty() ? nullptr : text, loc};
+    Error result = Error::Adopt(e);
+    SystemInterface::SetCurrentError(e);
+    return result;
+}
+
+}  // namespace
+
+const char* ErrorKindId(ERRORKIND kind) {
+    switch (kind) {
+        case ERRORKIND::OUTOFMEMORY: return "net.quorv.error.outofmemory";
+        case ERRORKIND::NULLPTR: return "net.quorv.error.nullptr";
+        case ERRORKIND::ILLEGALARGUMENT: return "net.quorv.error.illegalargument";
+        case ERRORKIND::ILLEGALSTATE: return "net.quorv.error.illegalstate";
+        case ERRORKIND::FUNCTIONNOTIMPLEMENTED: return "net.quorv.error.functionnotimplemented";
+        case ERRORKIND::UNRESOLVED: return "net.quorv.error.unresolved";
+        case ERRORKIND::OTHER: break;
+    }
+    return "net.quorv.error.unknown";
+}
+
+std::string FormatMessage(std::string_view pattern, std::initializer_list<std::string_view> args) {
+    std::string out;
+    out.reserve(pattern.size() + 32);
+    auto next = args.begin();
+    for (char c : pattern) {
+        if (c == '@' && next != args.end()) {
+            out.append(*next++);
+        } else {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
+Error MakeError(ERRORKIND kind, const SourceLocation& loc, std::string_view message) {
+    if (kind == ERRORKIND::OUTOFMEMORY) return OutOfMemoryError();
+    return Build(kind, ErrorKindId(kind), loc, message);
+}
+
+Error MakeErrorWithId(const char* id, const SourceLocation& loc, std::string_view message) {
+    return Build(ERRORKIND::OTHER, id, loc, message);
+}
+
+Error OutOfMemoryError() {
+    SystemInterface::SetCurrentError(&g_outOfMemory.error);
+    return Error(&g_outOfMemory.error);
+}
+
+std::string ErrorToString(const ErrorObject* e) {
+    if (!e) return "ok";
+    std::string s(e->id.View());
+    if (e->message) {
+        s += ": ";
+        s += e->message;
+    }
+    if (e->location.file) {
+        const char* f = std::strrchr(e->location.file, '/');
+        s += " (";
+        s += f ? f + 1 : e->location.file;
+        s += ":" + std::to_string(e->location.line) + ")";
+    }
+    return s;
+}
+
+Result<void> Result<void>::Unresolved() {
+    return Build(ERRORKIND::UNRESOLVED, ErrorKindId(ERRORKIND::UNRESOLVED), QUORV_SOURCE_LOCATION,
+                 "");
+}
+
+}  // namespace quorv
