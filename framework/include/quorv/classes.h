@@ -85,9 +85,11 @@ Result<ClassObject*> CreateClassFromRecord(ClassRecord* record, const SourceLoca
 Result<void> RegisterClassRecord(ClassRecord* record);
 void UnregisterClassRecord(ClassRecord* record);
 
-/// Fills a component record for the C++ type IMPL implementing interface I.
-template <typename IMPL, typename I>
-void FillComponentRecord(ComponentRecord& record) {
+/// Fills the state half of a component record (construct, destruct, copy, size) for IMPL.
+/// A component that writes its method tables by hand sets `fillMTable` itself.
+template <typename IMPL>
+void FillComponentState(ComponentRecord& record) {
+    static_assert(alignof(IMPL) <= 16);
     record.construct = [](void* s) { new (s) IMPL(); };
     record.destruct = [](void* s) { static_cast<IMPL*>(s)->~IMPL(); };
     record.init = nullptr;
@@ -96,13 +98,19 @@ void FillComponentRecord(ComponentRecord& record) {
         *static_cast<IMPL*>(d) = *static_cast<const IMPL*>(s);
         return OK;
     };
-    record.fillMTable = &I::template FillMTable<IMPL>;
-    record.interface = &I::Record();
     record.kind = 1;
     record.stateSize = sizeof(IMPL);
     record.alignment = 8;
+}
+
+/// Fills a component record for the C++ type IMPL implementing interface I.
+template <typename IMPL, typename I>
+void FillComponentRecord(ComponentRecord& record) {
+    FillComponentState<IMPL>(record);
+    record.fillMTable = &I::template FillMTable<IMPL>;
+    record.interface = &I::Record();
+    // The object base's table plus two words (function, info) per method.
     record.mtableSize = (I::COUNT + 0) * 2 * sizeof(void*);
-    static_assert(alignof(IMPL) <= 16);
 }
 
 /// Defines a component and a one-component class with the same id in `registry`.

@@ -25,10 +25,16 @@ struct DataType {
     const DataType* elementType;  ///< generic and delegate types: what they wrap
 };
 
+/// How a data type compares its values.
+enum class COMPARISON {
+    NONE,       ///< each comparison says "Stop: IsEqual not defined." (and so on) and answers 0
+    OPERATORS,  ///< `==`, `<` and std::hash
+    BYTES,      ///< the bytes of the value (plain records of numbers)
+};
+
 /// Builds a data type's operation table for a C++ type from its default constructor, copy and
-/// move. Comparison operations say "Stop: IsEqual not defined." (and so on) and return 0 unless
-/// `WITH_COMPARE` is set, in which case `==` and `<` are used.
-template <typename T, bool WITH_COMPARE>
+/// move, comparing as `MODE` says.
+template <typename T, COMPARISON MODE>
 const DataTypeOperations& DataTypeOperationsOf();
 
 /// A typed value, or empty. Copy clones through the type; destruction frees through it.

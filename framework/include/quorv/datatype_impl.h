@@ -2,6 +2,7 @@
 // Template definitions of quorv/datatype.h; included by quorv/services.h, which they call.
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <new>
 #include <utility>
@@ -9,6 +10,13 @@
 namespace quorv {
 
 namespace datatype_detail {
+
+// FNV-1a over the bytes of a plain record.
+inline UInt HashBytes(const void* p, size_t n) {
+    UInt h = 0xcbf29ce484222325ull;
+    for (size_t i = 0; i < n; ++i) h = (h ^ static_cast<const unsigned char*>(p)[i]) * 0x100000001b3ull;
+    return h;
+}
 
 template <typename T>
 T* At(void* base, Int stride, Int i) {
@@ -19,7 +27,7 @@ const T* At(const void* base, Int stride, Int i) {
     return reinterpret_cast<const T*>(static_cast<const char*>(base) + stride * i);
 }
 
-template <typename T, bool WITH_COMPARE>
+template <typename T, COMPARISON MODE>
 struct Ops {
     static void Construct(void* d, Int s, Int n) {
         for (Int i = 0; i < n; ++i) new (At<T>(d, s, i)) T();
@@ -52,34 +60,43 @@ struct Ops {
         for (Int i = 0; i < n; ++i) new (At<T>(d, s, i)) T(std::move(*At<T>(src, s, i)));
     }
     static Bool IsEqual(const DataType*, const void* a, const void* b) {
-        if constexpr (WITH_COMPARE) {
+        if constexpr (MODE == COMPARISON::OPERATORS) {
             return *static_cast<const T*>(a) == *static_cast<const T*>(b);
+        } else if constexpr (MODE == COMPARISON::BYTES) {
+            return std::memcmp(a, b, sizeof(T)) == 0;
         } else {
             ReportUndefinedOperation("IsEqual");
             return false;
         }
     }
     static Int Compare(const DataType*, const void* a, const void* b) {
-        if constexpr (WITH_COMPARE) {
+        if constexpr (MODE == COMPARISON::OPERATORS) {
             const T& x = *static_cast<const T*>(a);
             const T& y = *static_cast<const T*>(b);
             return x < y ? -1 : (y < x ? 1 : 0);
+        } else if constexpr (MODE == COMPARISON::BYTES) {
+            int c = std::memcmp(a, b, sizeof(T));
+            return c < 0 ? -1 : (c > 0 ? 1 : 0);
         } else {
             ReportUndefinedOperation("Compare");
             return 0;
         }
     }
     static UInt GetHashCode(const DataType*, const void* a) {
-        if constexpr (WITH_COMPARE) {
+        if constexpr (MODE == COMPARISON::OPERATORS) {
             return std::hash<T>()(*static_cast<const T*>(a));
+        } else if constexpr (MODE == COMPARISON::BYTES) {
+            return HashBytes(a, sizeof(T));
         } else {
             ReportUndefinedOperation("GetHashCode");
             return 0;
         }
     }
     static UInt GetUniqueHashCode(const DataType*, const void* a) {
-        if constexpr (WITH_COMPARE) {
+        if constexpr (MODE == COMPARISON::OPERATORS) {
             return std::hash<T>()(*static_cast<const T*>(a));
+        } else if constexpr (MODE == COMPARISON::BYTES) {
+            return HashBytes(a, sizeof(T));
         } else {
             ReportUndefinedOperation("GetUniqueHashCode");
             return 0;
@@ -119,9 +136,9 @@ struct Ops {
 
 }  // namespace datatype_detail
 
-template <typename T, bool WITH_COMPARE>
+template <typename T, COMPARISON MODE>
 const DataTypeOperations& DataTypeOperationsOf() {
-    return datatype_detail::Ops<T, WITH_COMPARE>::table;
+    return datatype_detail::Ops<T, MODE>::table;
 }
 
 template <typename T>

@@ -1,0 +1,128 @@
+#pragma once
+/// The stand-in host: implements every framework service a module calls, binds slot tables
+/// and loads modules. One host per process (slot tables are process-wide data of each binary).
+///
+/// Start-up: `Host::Start` registers the built-in services, then binds the framework copy of
+/// the host's own binary like a module (its slots, its definitions: a test that links module
+/// sources directly gets their classes registered too). `LoadModule` then loads shared
+/// libraries. Thread safety: `Start`, `LoadModule`, `UnloadModule` and `SetConfiguration` are
+/// for one thread at a time; every service is safe on any thread.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "quorv/classes.h"
+#include "quorv/spinwait.h"
+
+namespace quorv::host {
+
+/// A service implementation: the slot description of its interface and its functions, in
+/// slot order.
+struct ServiceTable {
+    const SlotDescription* description;
+    void* const* functions;
+};
+
+/// Options of the host; set before `Start`.
+struct HostOptions {
+    /// Interface ids the host pretends not to have: their slots get the zero stubs. Used to
+    /// show that a module loads against a host that lacks an interface.
+    std::vector<std::string> withheldInterfaces;
+    /// Echo critical messages to stderr (they are always kept in the critical log).
+    bool echoCriticalOutput = true;
+};
+
+/// One loaded module (or the host's own binary).
+struct LoadedModule {
+    std::string path;               ///< library path; empty for the host's own binary
+    void* handle = nullptr;         ///< dlopen handle
+    QuorvModuleInfo* info = nullptr;
+    CpuYieldDelegate* yieldDelegate = nullptr;
+    ConfigurationTable* configuration = nullptr;
+    std::vector<EntityBase*> definitionsRun;  ///< classes and initializations, in run order
+};
+
+/// A registry's entries, for listing.
+struct RegistryListing {
+    std::string id;
+    std::vector<std::string> entries;
+};
+
+/// A registered data type, for listing.
+struct DataTypeListing {
+    std::string id;
+    std::string typeName;
+    Int size;
+    DATATYPEKIND kind;
+};
+
+/// A configuration variable row, for listing.
+struct ConfigurationListing {
+    std::string name;
+    std::string help;
+    CONFIGTYPE type;
+    std::string value;
+};
+
+class Host {
+public:
+    /// The process's host, started on first use with default options.
+    static Host& Get();
+    /// Starts the host with options; a second call returns the running host unchanged.
+    static Host& Start(const HostOptions& options);
+
+    /// Loads a module: dlopen, find `g_quorv`, write its initializer, walk its records, bind
+    /// its slot tables and run its definitions dependencies first. A failure unloads it again
+    /// and names the file. `withheldInterfaces` adds interface ids left unbound for this module
+    /// only. Loading a copy of a library under another path gives a second, separate instance.
+    Result<LoadedModule*> LoadModule(const std::string& path,
+                                     const std::vector<std::string>& withheldInterfaces = {});
+    /// Runs the module's free functions and unregister functions in reverse, then dlclose.
+    void UnloadModule(LoadedModule* module);
+    const std::vector<std::unique_ptr<LoadedModule>>& GetModules() const { return _modules; }
+
+    /// Sets a configuration variable "name=value" in every module, now and for modules loaded
+    /// later. An unknown name or a bad value is an illegal-argument error naming it.
+    Result<void> SetConfiguration(std::string_view assignment);
+    std::vector<ConfigurationListing> ListConfiguration() const;
+
+    std::vector<RegistryListing> ListRegistries() const;
+    std::vector<DataTypeListing> ListDataTypes() const;
+    /// Module ids of every loaded binary, in chain order.
+    std::vector<std::string> ListModuleIds() const;
+    /// The declared dictionary keys of all loaded binaries: key id and value type id.
+    std::vector<std::pair<std::string, std::string>> ListDictionaryKeys() const;
+    /// Databases registered with `RegisterDatabaseWithUrl`: id and url text.
+    std::vector<std::pair<std::string, std::string>> ListDescriptionDatabases() const;
+
+    /// Critical messages so far, oldest first (kept for tests and the CLI).
+    std::vector<std::string> GetCriticalLog() const;
+    void ClearCriticalLog();
+
+    /// Makes the n-th next allocation fail (1: the next one); 0 turns it off. For tests of
+    /// out-of-memory paths.
+    void FailAllocationAfter(Int n);
+
+    /// Registers a service implementation; the host's own services are registered by `Start`.
+    void RegisterService(const ServiceTable& table);
+    template <typename I>
+    void RegisterService(const typename I::Slots& functions) {
+        RegisterService(ServiceTable{&I::Describe(), reinterpret_cast<void* const*>(&functions)});
+    }
+
+    struct State;
+    State& GetState() { return *_state; }
+
+private:
+    Host();
+    void BindModule(LoadedModule& module, const std::vector<std::string>& withheld);
+    Result<void> RunDefinitions(LoadedModule& module);
+
+    std::unique_ptr<State> _state;
+    std::vector<std::unique_ptr<LoadedModule>> _modules;
+};
+
+}  // namespace quorv::host

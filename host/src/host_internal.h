@@ -1,0 +1,47 @@
+#pragma once
+// Private interfaces between the parts of the host: the loader, the service tables and the
+// class and registry services.
+
+#include <string>
+#include <vector>
+
+#include "quorv/host/host.h"
+
+namespace quorv::host {
+
+// ---- service tables and configuration (host.cpp) ---------------------------------------------
+void* FindServiceFunction(Host::State& state, std::string_view interfaceId, const char* name);
+/// Adds the functions of a module's interface implementation to the service tables.
+void RegisterImplementation(Host::State& state, std::string_view interfaceId, const char* names,
+                            Int count, void* const* functions);
+bool IsWithheld(const Host::State& state, const std::vector<std::string>& extra,
+                std::string_view interfaceId);
+Result<void> ApplyConfiguration(LoadedModule& module, std::string_view assignment, bool* found);
+/// Applies the assignments made so far to a newly loaded module.
+void ApplyPendingConfiguration(Host::State& state, LoadedModule& module);
+
+// ---- system --------------------------------------------------------------------------------
+void RegisterSystemService(Host& host);
+/// Records a critical message (and echoes it when the options say so).
+void HostCriticalOutput(const std::string& message);
+/// Drops the calling thread's current error (before a module that made it is unloaded).
+void ClearCurrentError();
+void SetCriticalEcho(bool echo);
+std::vector<std::string> GetCriticalLogCopy();
+void ClearCriticalLogEntries();
+void SetFailCountdown(Int n);
+
+// ---- classes, registries, application, description databases -------------------------------
+void RegisterClassService(Host& host);
+/// Creates an empty registry; a second one with the same id is kept (true: created now).
+bool CreateRegistry(const LiteralId& id);
+/// Removes a registry that has no entries left.
+void RemoveRegistryIfEmpty(const LiteralId& id);
+std::vector<RegistryListing> ListRegistryEntries();
+/// A registered class by id, searched in all registries; null when none.
+ClassObject* FindRegisteredClass(const LiteralId& id);
+std::vector<std::pair<std::string, std::string>> ListDatabases();
+/// Module path by module info, for `application::PrivateGetUrl`.
+void SetModulePathResolver(std::string (*resolver)(const QuorvModuleInfo* info));
+
+}  // namespace quorv::host

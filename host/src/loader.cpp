@@ -1,0 +1,273 @@
+// The module loader: dlopen, find `g_quorv`, write the initializer, walk the records, bind the
+// slot tables, run the definitions dependencies first; and the reverse at unload.
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <set>
+
+#include "datatype_service.h"
+#include "host_internal.h"
+
+namespace quorv::host {
+
+namespace {
+
+template <typename F>
+void ForEachUnit(const QuorvModuleInfo& info, F f) {
+    std::set<const TranslationUnitRecord*> seen;
+    for (ModuleRecord* m = info.modules; m; m = m->nextModule) {
+        for (TranslationUnitRecord* u = m->firstUnit; u; u = u->nextUnit) {
+            if (seen.insert(u).second) f(*u);
+        }
+    }
+}
+
+template <typename F>
+void ForEachRecord(TranslationUnitRecord& unit, F f) {
+    for (EntityBase* r = unit.first; r; r = r->next) f(*r);
+}
+
+// Binds each slot of a table by "Name@hash"; an unbound slot gets the interface's zero stub.
+void BindSlots(Host::State& state, NonVirtualInterfaceRecord& record,
+               const std::vector<std::string>& withheld) {
+    bool held = IsWithheld(state, withheld, record.id.View());
+    const char* name = record.methodNames;
+    for (Int i = 0; i < record.count; ++i) {
+        void* f = held ? nullptr : FindServiceFunction(state, record.id.View(), name);
+        if (!f && record.stubFiller) f = record.stubFiller(&record, i);
+        record.slots[i] = f;
+        name += std::strlen(name) + 1;
+    }
+    record.flags |= EntityBase::FLAGS::INITIALIZED;
+}
+
+// Resolves records on demand for the module (its `initializer`): fills the record's value
+// slot, or reports the unresolved error naming the id.
+void Initializer(EntityBase* record, UInt, const LiteralId* id, ErrorObject** error) {
+    if (error) *error = nullptr;
+    if (!record) return;
+    const std::string name(id ? id->View() : record->id.View());
+    bool resolved = false;
+    switch (record->GetType()) {
+        case EntityBase::TYPE::DECLARATION: {
+            auto* d = static_cast<DeclarationRecord*>(record);
+            if (!d->value) d->value = FindRegisteredClass(LiteralId(name.c_str()));
+            if (!d->value) {
+                d->value = const_cast<DataType*>(DataTypeLibInterface::GetRuntimeDataType(name.c_str()));
+            }
+            resolved = d->value != nullptr;
+            break;
+        }
+        case EntityBase::TYPE::DATATYPE: {
+            auto* d = static_cast<DataTypeRecord*>(record);
+            if (!d->value) d->value = DataTypeLibInterface::GetRuntimeDataType(name.c_str());
+            resolved = d->value != nullptr;
+            break;
+        }
+        case EntityBase::TYPE::CLASS: {
+            auto* c = static_cast<ClassRecord*>(record);
+            if (!c->value) c->value = FindRegisteredClass(LiteralId(name.c_str()));
+            resolved = c->value != nullptr;
+            break;
+        }
+        case EntityBase::TYPE::NONVIRTUAL_INTERFACE: {
+            auto* nv = static_cast<NonVirtualInterfaceRecord*>(record);
+            if (nv->slots) BindSlots(Host::Get().GetState(), *nv, {});
+            resolved = true;
+            break;
+        }
+        default:
+            break;
+    }
+    if (!resolved && error) {
+        *error = MakeError(ERRORKIND::UNRESOLVED, QUORV_SOURCE_LOCATION,
+                           FormatMessage("Cannot resolve @", {name}))
+                     .Disconnect();
+    }
+}
+
+// Units in an order where each comes after the units its dependencies point into.
+std::vector<TranslationUnitRecord*> OrderUnits(const QuorvModuleInfo& info) {
+    std::vector<TranslationUnitRecord*> units;
+    ForEachUnit(info, [&](TranslationUnitRecord& u) { units.push_back(&u); });
+    std::vector<TranslationUnitRecord*> order;
+    std::map<TranslationUnitRecord*, int> state;  // 1 visiting, 2 done
+    std::function<void(TranslationUnitRecord*)> visit = [&](TranslationUnitRecord* u) {
+        int& s = state[u];
+        if (s != 0) return;  // done, or a cycle: the earlier visit stands
+        s = 1;
+        for (DependencyRecord* d = u->dependencies; d; d = d->nextDependency) {
+            if (d->target && d->target->unit && d->target->unit != u) visit(d->target->unit);
+        }
+        state[u] = 2;
+        order.push_back(u);
+    };
+    for (TranslationUnitRecord* u : units) visit(u);
+    return order;
+}
+
+std::string ModulePathOf(const QuorvModuleInfo* info) {
+    for (const auto& m : Host::Get().GetModules()) {
+        if (m->info == info) return m->path;
+    }
+    return {};
+}
+
+}  // namespace
+
+void Host::BindModule(LoadedModule& module, const std::vector<std::string>& withheld) {
+    QuorvModuleInfo& info = *module.info;
+    info.initializer = &Initializer;
+    SetModulePathResolver(&ModulePathOf);
+    // Implementations a module supplies first, so that its own tables can bind to them.
+    ForEachUnit(info, [&](TranslationUnitRecord& unit) {
+        ForEachRecord(unit, [&](EntityBase& r) {
+            if (r.GetType() != EntityBase::TYPE::NONVIRTUAL_INTERFACE) return;
+            auto& nv = static_cast<NonVirtualInterfaceRecord&>(r);
+            if (nv.implementation) {
+                RegisterImplementation(*_state, nv.id.View(), nv.methodNames, nv.count,
+                                       nv.implementation);
+            }
+        });
+        for (DependencyRecord* d = unit.dependencies; d; d = d->nextDependency) {
+            if (d->id == ".configuration" && d->payload) {
+                module.configuration = static_cast<ConfigurationTable*>(d->payload);
+            }
+        }
+    });
+    ForEachUnit(info, [&](TranslationUnitRecord& unit) {
+        ForEachRecord(unit, [&](EntityBase& r) {
+            if (r.GetType() != EntityBase::TYPE::NONVIRTUAL_INTERFACE) return;
+            auto& nv = static_cast<NonVirtualInterfaceRecord&>(r);
+            if (nv.slots) BindSlots(*_state, nv, withheld);
+        });
+    });
+    ApplyPendingConfiguration(*_state, module);
+}
+
+Result<void> Host::RunDefinitions(LoadedModule& module) {
+    using T = EntityBase::TYPE;
+    using F = EntityBase::FLAGS;
+    const QuorvModuleInfo& info = *module.info;
+    // Registries and data types first: classes name them.
+    Result<void> failure = OK;
+    ForEachUnit(info, [&](TranslationUnitRecord& unit) {
+        ForEachRecord(unit, [&](EntityBase& r) {
+            if (failure.IsError()) return;
+            if (r.GetType() == T::REGISTRY) {
+                CreateRegistry(r.id);
+                r.flags |= F::INITIALIZED;
+            } else if (r.GetType() == T::DATATYPE) {
+                Result<const DataType*> t = DefineDataTypeFromRecord(static_cast<DataTypeRecord&>(r));
+                if (t.IsError()) {
+                    r.flags |= F::INITIALIZATION_FAILED;
+                    failure = t.GetError();
+                } else {
+                    r.flags |= F::INITIALIZED;
+                }
+            }
+        });
+    });
+    if (failure.IsError()) return failure;
+    for (TranslationUnitRecord* unit : OrderUnits(info)) {
+        for (EntityBase* r = unit->first; r; r = r->next) {
+            Result<void> result = OK;
+            if (r->GetType() == T::INITIALIZATION) {
+                auto* init = static_cast<InitializationRecord*>(r);
+                r->flags |= F::INITIALIZING;
+                if (init->init) result = init->init();
+            } else if (r->GetType() == T::CLASS) {
+                auto* cls = static_cast<ClassRecord*>(r);
+                r->flags |= F::INITIALIZING;
+                if (cls->registerFunc) result = cls->registerFunc(cls);
+            } else {
+                continue;
+            }
+            r->flags &= ~F::INITIALIZING;
+            if (result.IsError()) {
+                r->flags |= F::INITIALIZATION_FAILED;
+                return result;
+            }
+            r->flags |= F::INITIALIZED;
+            module.definitionsRun.push_back(r);
+        }
+    }
+    return OK;
+}
+
+Result<LoadedModule*> Host::LoadModule(const std::string& path,
+                                       const std::vector<std::string>& withheldInterfaces) {
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        const char* why = dlerror();
+        return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
+                               FormatMessage("Cannot load module @: @", {path, why ? why : "?"}));
+    }
+    auto* info = static_cast<QuorvModuleInfo*>(dlsym(handle, "g_quorv"));
+    auto* delegate = static_cast<CpuYieldDelegate*>(dlsym(handle, "g_CpuYieldDelegate"));
+    if (!info || !delegate) {
+        dlclose(handle);
+        return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
+                               FormatMessage("@ is not a module: no g_quorv or g_CpuYieldDelegate",
+                                             {path}));
+    }
+    if (info->version0 != QUORV_VERSION_0 || info->version1 != QUORV_VERSION_1) {
+        dlclose(handle);
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         FormatMessage("Module @ has version words @ and @",
+                                       {path, std::to_string(info->version0),
+                                        std::to_string(info->version1)}));
+    }
+    auto module = std::make_unique<LoadedModule>();
+    module->path = path;
+    module->handle = handle;
+    module->info = info;
+    module->yieldDelegate = delegate;
+    LoadedModule* m = module.get();
+    _modules.push_back(std::move(module));
+    BindModule(*m, withheldInterfaces);
+    Result<void> defined = RunDefinitions(*m);
+    if (defined.IsError()) {
+        Error e = defined.GetError();
+        UnloadModule(m);
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         FormatMessage("Module @ failed to start: @",
+                                       {path, ErrorToString(e.Get())}));
+    }
+    return m;
+}
+
+void Host::UnloadModule(LoadedModule* module) {
+    if (!module) return;
+    ClearCurrentError();
+    for (auto it = module->definitionsRun.rbegin(); it != module->definitionsRun.rend(); ++it) {
+        EntityBase* r = *it;
+        if (r->GetType() == EntityBase::TYPE::CLASS) {
+            auto* cls = static_cast<ClassRecord*>(r);
+            if (cls->unregisterFunc) cls->unregisterFunc(cls);
+        } else if (r->GetType() == EntityBase::TYPE::INITIALIZATION) {
+            auto* init = static_cast<InitializationRecord*>(r);
+            if (init->free) init->free();
+        }
+    }
+    module->definitionsRun.clear();
+    ForEachUnit(*module->info, [&](TranslationUnitRecord& unit) {
+        ForEachRecord(unit, [&](EntityBase& r) {
+            if (r.GetType() == EntityBase::TYPE::DATATYPE) {
+                RemoveDataTypeOfRecord(static_cast<DataTypeRecord&>(r));
+            } else if (r.GetType() == EntityBase::TYPE::REGISTRY) {
+                RemoveRegistryIfEmpty(r.id);
+            }
+        });
+    });
+    ClearCurrentError();
+    if (module->handle) dlclose(module->handle);
+    auto it = std::find_if(_modules.begin(), _modules.end(),
+                           [&](const auto& m) { return m.get() == module; });
+    if (it != _modules.end()) _modules.erase(it);
+}
+
+}  // namespace quorv::host

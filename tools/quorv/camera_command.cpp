@@ -1,0 +1,285 @@
+// quorv camera: creates a camera by id and answers one JSON line per operation.
+#include <cstdio>
+#include <iostream>
+#include <map>
+
+#include "commands.h"
+#include "jsonio.h"
+#include "quorv/host/host.h"
+#include "render/cameras/camera.h"
+
+namespace quorv::cli {
+
+namespace {
+
+constexpr const char* CAMERA_REGISTRY = "net.quorv.render.registry.cameraclasses";
+
+const char* const CAMERA_HELP = R"(Reads JSON lines on stdin, one camera operation each, and writes one JSON line per
+input. Numbers round-trip exactly; non-finite numbers are the strings "inf", "-inf", "nan".
+A bad line gives {"error": "..."} on its line and the run goes on.
+
+  {"op":"Init","params":{KEY:VALUE,...},"flags":0}        -> {"ok":true}
+  {"op":"SetMatrix","matrix":{"offset":[x,y,z],"axisX":[..],"axisY":[..],"axisZ":[..]}}
+                                                          -> {"ok":true}
+  {"op":"GetParameters"}                                  -> {"parameters":{KEY:VALUE,...}}
+  {"op":"CreateScreenRay","screen":[x,y],"ray":RAY?}      -> {"ray":RAY}
+  {"op":"CalculateMIPComponents","screen":[x,y],"ray":RAY,"point":POINT}
+                                                          -> {"ray":RAY,"point":POINT}
+  {"op":"GetFeatures"}                                    -> {"features":N}
+  {"op":"VisibilityTest","point":[x,y,z]}                 -> {"visible":true}
+  {"op":"WorldToCamera"|"CameraToWorld"|"VectorWorldToCamera"|"VectorCameraToWorld"|
+        "WorldToScreen"|"ScreenToWorld"|"CameraToScreen"|"ScreenToCamera","point":[x,y,z]}
+                                                          -> {"result":[x,y,z]}
+  {"op":"GetCameraToWorldMatrix"|"GetWorldToCameraMatrix"} -> {"matrix":MATRIX}
+
+RAY is an object with any of origin, direction, minDistance, maxDistance, rayWord, rayIndex,
+originDx, originDy, directionDx, directionDy, rayWeight, rayValueA, rayValueB, rayFlagsA,
+rayFlagsB (missing members keep their defaults). POINT is an object with any of position,
+footprintX, footprintY, pointVectorA, pointVectorB, normal, pointVectorC, pointVectorD.
+Parameters use full key ids, e.g.
+  --param net.quorv.render.camera.cameraparameters.screenresolution=[640,480])";
+
+struct CameraOptions {
+    std::string classId;
+    std::vector<std::string> params;
+    bool rightHanded = false;
+};
+
+Json RayToJson(const Ray& r) {
+    return Json{{"origin", ToJson(r.origin)},
+                {"direction", ToJson(r.direction)},
+                {"minDistance", NumberToJson(r.minDistance)},
+                {"maxDistance", NumberToJson(r.maxDistance)},
+                {"rayWord", r.rayWord},
+                {"rayIndex", r.rayIndex},
+                {"originDx", ToJson(r.originDx)},
+                {"originDy", ToJson(r.originDy)},
+                {"directionDx", ToJson(r.directionDx)},
+                {"directionDy", ToJson(r.directionDy)},
+                {"rayWeight", ToJson(r.rayWeight)},
+                {"rayValueA", NumberToJson(r.rayValueA)},
+                {"rayValueB", NumberToJson(r.rayValueB)},
+                {"rayFlagsA", r.rayFlagsA},
+                {"rayFlagsB", r.rayFlagsB}};
+}
+
+bool RayFromJson(const Json& j, Ray* r) {
+    if (j.is_null()) return true;
+    if (!j.is_object()) return false;
+    for (auto& [k, v] : j.items()) {
+        bool ok = true;
+        if (k == "origin") ok = FromJson(v, &r->origin);
+        else if (k == "direction") ok = FromJson(v, &r->direction);
+        else if (k == "minDistance") ok = JsonToNumber(v, &r->minDistance);
+        else if (k == "maxDistance") ok = JsonToNumber(v, &r->maxDistance);
+        else if (k == "rayWord") ok = v.is_number_unsigned() && (r->rayWord = v.get<UInt>(), true);
+        else if (k == "rayIndex") ok = v.is_number_integer() && (r->rayIndex = v.get<Int32>(), true);
+        else if (k == "originDx") ok = FromJson(v, &r->originDx);
+        else if (k == "originDy") ok = FromJson(v, &r->originDy);
+        else if (k == "directionDx") ok = FromJson(v, &r->directionDx);
+        else if (k == "directionDy") ok = FromJson(v, &r->directionDy);
+        else if (k == "rayWeight") ok = FromJson(v, &r->rayWeight);
+        else if (k == "rayValueA") ok = JsonToNumber(v, &r->rayValueA);
+        else if (k == "rayValueB") ok = JsonToNumber(v, &r->rayValueB);
+        else if (k == "rayFlagsA") ok = v.is_number_integer() && (r->rayFlagsA = v.get<UInt16>(), true);
+        else if (k == "rayFlagsB") ok = v.is_number_integer() && (r->rayFlagsB = v.get<UInt8>(), true);
+        else ok = false;
+        if (!ok) return false;
+    }
+    return true;
+}
+
+Json PointToJson(const ShadingPoint& p) {
+    return Json{{"position", ToJson(p.position)},       {"footprintX", ToJson(p.footprintX)},
+                {"footprintY", ToJson(p.footprintY)},   {"pointVectorA", ToJson(p.pointVectorA)},
+                {"pointVectorB", ToJson(p.pointVectorB)}, {"normal", ToJson(p.normal)},
+                {"pointVectorC", ToJson(p.pointVectorC)}, {"pointVectorD", ToJson(p.pointVectorD)}};
+}
+
+bool PointFromJson(const Json& j, ShadingPoint* p) {
+    if (j.is_null()) return true;
+    if (!j.is_object()) return false;
+    for (auto& [k, v] : j.items()) {
+        Vector64* t = k == "position"       ? &p->position
+                      : k == "footprintX"   ? &p->footprintX
+                      : k == "footprintY"   ? &p->footprintY
+                      : k == "pointVectorA" ? &p->pointVectorA
+                      : k == "pointVectorB" ? &p->pointVectorB
+                      : k == "normal"       ? &p->normal
+                      : k == "pointVectorC" ? &p->pointVectorC
+                      : k == "pointVectorD" ? &p->pointVectorD
+                                            : nullptr;
+        if (!t || !FromJson(v, t)) return false;
+    }
+    return true;
+}
+
+// A dictionary from {key id: JSON value}; each key must be a declared key of a loaded module.
+Result<DataDictionary> BuildParameters(const std::vector<std::pair<std::string, Json>>& params) {
+    std::map<std::string, std::string> keyTypes;
+    for (auto& [key, type] : host::Host::Get().ListDictionaryKeys()) keyTypes[key] = type;
+    Result<DataDictionary> created = DataDictionary::Create();
+    if (created.IsError()) return created;
+    DataDictionary dict = created.GetValue();
+    for (const auto& [key, value] : params) {
+        auto it = keyTypes.find(key);
+        if (it == keyTypes.end()) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             FormatMessage("Unknown parameter key @", {key}));
+        }
+        Result<Data> data = JsonToData(value, it->second);
+        if (data.IsError()) return data.GetError();
+        QUORV_RETURN_IF_ERROR(dict.SetData(LiteralId(it->first.c_str()), data.GetValue()));
+    }
+    return dict;
+}
+
+Json DictionaryToJson(const DataDictionary& d) {
+    Json out = Json::object();
+    const DataDictionaryObject* obj = d.GetReadable();
+    if (!obj) return out;
+    DataDictionaryIteratorState it;
+    DataDictionaryInterface::InitIterator(obj, &it);
+    while (DataDictionaryInterface::IteratorHasValue(&it)) {
+        LiteralId key;
+        Data value;
+        if (DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value)) {
+            out[std::string(key.View())] = DataToJson(value);
+        }
+        DataDictionaryInterface::IteratorMoveToNext(&it);
+    }
+    DataDictionaryInterface::IteratorDestruct(&it);
+    return out;
+}
+
+Json Point3(const Json& line, bool* ok) {
+    Vector64 p;
+    *ok = FromJson(line.value("point", Json()), &p);
+    return *ok ? ToJson(p) : Json();
+}
+
+// One operation line; throws nothing, answers an error object on bad input.
+Json Evaluate(const CameraRef& cam, const Json& line) {
+    if (!line.is_object() || !line.contains("op") || !line["op"].is_string()) {
+        return ErrorJson("each line must be an object with a string \"op\"");
+    }
+    const std::string op = line["op"].get<std::string>();
+    auto needPoint = [&](Vector64* p) { return FromJson(line.value("point", Json()), p); };
+    if (op == "Init") {
+        std::vector<std::pair<std::string, Json>> params;
+        for (auto& [k, v] : line.value("params", Json::object()).items()) params.emplace_back(k, v);
+        Result<DataDictionary> dict = BuildParameters(params);
+        if (dict.IsError()) return ErrorJson(ErrorToString(dict.GetErrorPointer()));
+        Int flags = line.value("flags", 0);
+        Result<void> r = cam.Init(dict.GetValue(), flags);
+        if (r.IsError()) return ErrorJson(ErrorToString(r.GetErrorPointer()));
+        return Json{{"ok", true}};
+    }
+    if (op == "SetMatrix") {
+        Matrix64 m;
+        if (!FromJson(line.value("matrix", Json()), &m)) return ErrorJson("bad \"matrix\"");
+        cam.SetMatrix(m);
+        return Json{{"ok", true}};
+    }
+    if (op == "GetParameters") return Json{{"parameters", DictionaryToJson(cam.GetParameters())}};
+    if (op == "CreateScreenRay" || op == "CalculateMIPComponents") {
+        Vector2d64 s;
+        Ray ray;
+        ShadingPoint point;
+        if (!FromJson(line.value("screen", Json()), &s)) return ErrorJson("bad \"screen\"");
+        if (!RayFromJson(line.value("ray", Json()), &ray)) return ErrorJson("bad \"ray\"");
+        if (op == "CreateScreenRay") {
+            cam.CreateScreenRay(s, ray);
+            return Json{{"ray", RayToJson(ray)}};
+        }
+        if (!PointFromJson(line.value("point", Json()), &point)) return ErrorJson("bad \"point\"");
+        cam.CalculateMIPComponents(s, ray, point);
+        return Json{{"ray", RayToJson(ray)}, {"point", PointToJson(point)}};
+    }
+    if (op == "GetFeatures") return Json{{"features", static_cast<Int>(cam.GetFeatures())}};
+    if (op == "VisibilityTest") {
+        Vector64 p;
+        if (!needPoint(&p)) return ErrorJson("bad \"point\"");
+        return Json{{"visible", static_cast<bool>(cam.VisibilityTest(p))}};
+    }
+    if (op == "GetCameraToWorldMatrix") return Json{{"matrix", ToJson(cam.GetCameraToWorldMatrix())}};
+    if (op == "GetWorldToCameraMatrix") return Json{{"matrix", ToJson(cam.GetWorldToCameraMatrix())}};
+    Vector64 p;
+    using Conversion = Vector64 (CameraRef::*)(const Vector64&) const;
+    static const std::map<std::string, Conversion> conversions{
+        {"WorldToCamera", &CameraRef::WorldToCamera},
+        {"CameraToWorld", &CameraRef::CameraToWorld},
+        {"VectorWorldToCamera", &CameraRef::VectorWorldToCamera},
+        {"VectorCameraToWorld", &CameraRef::VectorCameraToWorld},
+        {"WorldToScreen", &CameraRef::WorldToScreen},
+        {"ScreenToWorld", &CameraRef::ScreenToWorld},
+        {"CameraToScreen", &CameraRef::CameraToScreen},
+        {"ScreenToCamera", &CameraRef::ScreenToCamera},
+    };
+    auto it = conversions.find(op);
+    if (it == conversions.end()) return ErrorJson("unknown op \"" + op + "\"");
+    if (!needPoint(&p)) return ErrorJson("bad \"point\"");
+    return Json{{"result", ToJson((cam.*(it->second))(p))}};
+}
+
+int RunCamera(const GlobalOptions& options, const CameraOptions& co) {
+    if (!StartHost(options)) return 1;
+    Result<ObjectRef> object = CreateObjectById(LiteralId(CAMERA_REGISTRY), LiteralId(co.classId.c_str()));
+    if (object.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(object.GetErrorPointer()).c_str());
+        return 1;
+    }
+    Result<CameraRef> cam = CameraRef::Cast(object.GetValue());
+    if (cam.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(cam.GetErrorPointer()).c_str());
+        return 1;
+    }
+    std::vector<std::pair<std::string, Json>> params;
+    for (const std::string& p : co.params) {
+        auto eq = p.find('=');
+        if (eq == std::string::npos) {
+            std::fprintf(stderr, "quorv: --param %s is not KEY=JSON\n", p.c_str());
+            return 1;
+        }
+        Json value = Json::parse(p.substr(eq + 1), nullptr, false);
+        if (value.is_discarded()) {
+            std::fprintf(stderr, "quorv: --param %s: the value is not JSON\n", p.c_str());
+            return 1;
+        }
+        params.emplace_back(p.substr(0, eq), value);
+    }
+    Result<DataDictionary> dict = BuildParameters(params);
+    if (dict.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(dict.GetErrorPointer()).c_str());
+        return 1;
+    }
+    Result<void> init = cam.GetValue().Init(dict.GetValue(), co.rightHanded ? 1 : 0);
+    if (init.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(init.GetErrorPointer()).c_str());
+        return 1;
+    }
+    std::string text;
+    while (std::getline(std::cin, text)) {
+        if (text.find_first_not_of(" \t\r") == std::string::npos) continue;
+        Json line = Json::parse(text, nullptr, false);
+        Json answer = line.is_discarded() ? ErrorJson("line is not JSON") : Evaluate(cam.GetValue(), line);
+        std::printf("%s\n", Line(answer).c_str());
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
+}  // namespace
+
+void AddCameraCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
+    static CameraOptions co;
+    auto* cmd = app.add_subcommand("camera", "Create a camera by class id and evaluate operations");
+    cmd->footer(CAMERA_HELP);
+    cmd->add_option("--class", co.classId, "Camera class id, e.g. net.quorv.render.cameraclass.perspective")
+        ->required();
+    cmd->add_option("--param", co.params, "Init parameter KEY=JSON with the full key id (repeatable)");
+    cmd->add_flag("--right-handed", co.rightHanded, "Pass flags bit 0 (right handed) to Init");
+    cmd->callback([&options, &run] { run = [&options] { return RunCamera(options, co); }; });
+}
+
+}  // namespace quorv::cli

@@ -1,0 +1,24 @@
+#pragma once
+// Subcommands of the quorv command line.
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+namespace quorv::cli {
+
+/// Options every subcommand shares, filled before a subcommand runs.
+struct GlobalOptions {
+    std::string modulePath;
+    std::vector<std::string> configuration;
+};
+
+/// Loads the module and applies the configuration; prints the error and returns false on
+/// failure.
+bool StartHost(const GlobalOptions& options);
+
+/// Adds a subcommand; `run` is set to the function the subcommand runs (its exit code).
+void AddClassesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddCameraCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+
+}  // namespace quorv::cli

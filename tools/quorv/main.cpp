@@ -1,0 +1,72 @@
+// quorv: the command-line host. Loads the render module and offers one subcommand per
+// capability.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "commands.h"
+#include "quorv/host/host.h"
+
+namespace quorv::cli {
+
+namespace {
+
+// The module lies in ../lib beside the bin folder of this program.
+std::string DefaultModulePath() {
+    std::error_code ec;
+    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) return "libquorv_render.so";
+    return (self.parent_path().parent_path() / "lib" / "libquorv_render.so").string();
+}
+
+}  // namespace
+
+bool StartHost(const GlobalOptions& options) {
+    host::HostOptions hostOptions;
+    host::Host& h = host::Host::Start(hostOptions);
+    std::string path = options.modulePath;
+    if (path.empty()) {
+        const char* env = std::getenv("QUORV_MODULE");
+        path = env && *env ? env : DefaultModulePath();
+    }
+    Result<host::LoadedModule*> loaded = h.LoadModule(path);
+    if (loaded.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(loaded.GetErrorPointer()).c_str());
+        return false;
+    }
+    for (const std::string& c : options.configuration) {
+        Result<void> r = h.SetConfiguration(c);
+        if (r.IsError()) {
+            std::fprintf(stderr, "quorv: %s\n", ErrorToString(r.GetErrorPointer()).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace quorv::cli
+
+int main(int argc, char** argv) {
+    using namespace quorv::cli;
+    CLI::App app{
+        "quorv: the command-line host of the quorv render module.\n"
+        "Loads libquorv_render.so (beside this program in ../lib, or QUORV_MODULE, or --module)\n"
+        "and creates its classes by id."};
+    app.require_subcommand(1);
+    GlobalOptions options;
+    app.add_option("--module", options.modulePath, "Path of the render module library");
+    app.add_option("--config", options.configuration,
+                   "Set a configuration variable, name=value (repeatable)");
+    std::function<int()> run;
+    AddClassesCommand(app, options, run);
+    AddCameraCommand(app, options, run);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e);
+    }
+    return run ? run() : 1;
+}
