@@ -51,7 +51,10 @@ void UnregisterClassRecord(ClassRecord* record) {
 
 Result<ObjectRef> CreateObjectById(const LiteralId& registry, const LiteralId& id) {
     Data value;
-    if (!RegistryInterface::FindEntryValue(registry, id, &value)) {
+    bool found = RegistryInterface::FindEntryValue(registry, id, &value);
+    // A found entry whose copy came back empty means memory ran short.
+    if (found && value.IsEmpty()) return OutOfMemoryError();
+    if (!found) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          FormatMessage("No class @ in registry @", {id.View(), registry.View()}));
     }

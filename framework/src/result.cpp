@@ -23,22 +23,41 @@ StaticError g_unresolved{{nullptr, &NoDestroy, 0, UInt(1) << 60},
                          {ERRORKIND::UNRESOLVED, LiteralId("net.quorv.error.unresolved"),
                           nullptr, {"result.cpp", 0}}};
 
-// The error block holds header, record and message text in one allocation.
+// Used when the host offers no block destroyer.
 void DestroyError(void* object) { SystemInterface::Free(HeaderOf(object)); }
 
+// Copies `text` with its NUL to `out`; returns the copy.
+char* Put(char*& out, std::string_view text) {
+    char* start = out;
+    std::memcpy(out, text.data(), text.size());
+    out[text.size()] = 0;
+    out += text.size() + 1;
+    return start;
+}
+
+// One block holds header, record, message, id and file name, and the host frees it: an error
+// stays readable after the module that made it is unloaded.
 Error Build(ERRORKIND kind, const char* id, const SourceLocation& loc, std::string_view message) {
-    Int bytes = static_cast<Int>(sizeof(ObjectHeader) + sizeof(ErrorObject) + message.size() + 1);
+    std::string_view idText(id);
+    std::string_view file(loc.file ? loc.file : "");
+    Int bytes = static_cast<Int>(sizeof(ObjectHeader) + sizeof(ErrorObject) + message.size() +
+                                 idText.size() + file.size() + 3);
     void* block = SystemInterface::Alloc(bytes, loc);
     if (!block) {
         if (kind == ERRORKIND::UNRESOLVED) return Error(&g_unresolved.error);
         return OutOfMemoryError();
     }
-    auto* header = new (block) ObjectHeader{nullptr, &DestroyError, 0, REFERENCE_STEP};
+    DestroyFunc destroy = SystemInterface::slots.FreeObjectBlock;
+    auto* header = new (block) ObjectHeader{nullptr, destroy ? destroy : &DestroyError, 0,
+                                            REFERENCE_STEP};
     auto* e = reinterpret_cast<ErrorObject*>(header + 1);
-    char* text = reinterpret_cast<char*>(e + 1);
-    std::memcpy(text, message.data(), message.size());
-    text[message.size()] = 0;
-    *e = ErrorObject{kind, LiteralId(id), message.empty() ? nullptr : text, loc};
+    char* out = reinterpret_cast<char*>(e + 1);
+    char* text = Put(out, message);
+    const char* idCopy = Put(out, idText);
+    const char* fileCopy = Put(out, file);
+    *e = ErrorObject{kind, LiteralId(idCopy, LiteralIdWord(idText)),
+                     message.empty() ? nullptr : text,
+                     SourceLocation{loc.file ? fileCopy : nullptr, loc.line}};
     Error result = Error::Adopt(e);
     SystemInterface::SetCurrentError(e);
     return result;

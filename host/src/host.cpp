@@ -1,5 +1,6 @@
 #include "quorv/host/host.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -23,18 +24,25 @@ struct Host::State {
 
 namespace {
 std::unique_ptr<Host> g_host;
+// Set as soon as the host exists, so that services called while the host binary's own
+// definitions run (inside Start) reach it without the start lock.
+std::atomic<Host*> g_running{nullptr};
 std::mutex g_startMutex;
 }  // namespace
 
 Host::Host() : _state(std::make_unique<State>()) {}
 
-Host& Host::Get() { return Start(HostOptions{}); }
+Host& Host::Get() {
+    if (Host* h = g_running.load(std::memory_order_acquire)) return *h;
+    return Start(HostOptions{});
+}
 
 Host& Host::Start(const HostOptions& options) {
     std::lock_guard<std::mutex> lock(g_startMutex);
     if (g_host) return *g_host;
     g_host.reset(new Host());
     Host& host = *g_host;
+    g_running.store(&host, std::memory_order_release);
     host._state->options = options;
     SetCriticalEcho(options.echoCriticalOutput);
     RegisterSystemService(host);

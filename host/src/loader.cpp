@@ -133,6 +133,8 @@ void Host::BindModule(LoadedModule& module, const std::vector<std::string>& with
             }
         });
         for (DependencyRecord* d = unit.dependencies; d; d = d->nextDependency) {
+            // A dependency added before its target was defined names the target only now.
+            if (d->id.IsEmpty() && d->target) d->id = d->target->id;
             if (d->id == ".configuration" && d->payload) {
                 module.configuration = static_cast<ConfigurationTable*>(d->payload);
             }
@@ -214,6 +216,14 @@ Result<LoadedModule*> Host::LoadModule(const std::string& path,
                                FormatMessage("@ is not a module: no g_quorv or g_CpuYieldDelegate",
                                              {path}));
     }
+    for (const auto& loaded : _modules) {
+        if (loaded->info == info) {
+            dlclose(handle);  // drops the count the second dlopen added
+            return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                             FormatMessage("Module @ is already loaded as @",
+                                           {path, loaded->path.empty() ? "the host" : loaded->path}));
+        }
+    }
     if (info->version0 != QUORV_VERSION_0 || info->version1 != QUORV_VERSION_1) {
         dlclose(handle);
         return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
@@ -231,11 +241,12 @@ Result<LoadedModule*> Host::LoadModule(const std::string& path,
     BindModule(*m, withheldInterfaces);
     Result<void> defined = RunDefinitions(*m);
     if (defined.IsError()) {
-        Error e = defined.GetError();
+        // The error may point into the library: word it before the library goes away.
+        std::string why = ErrorToString(defined.GetErrorPointer());
+        defined = OK;
         UnloadModule(m);
         return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Module @ failed to start: @",
-                                       {path, ErrorToString(e.Get())}));
+                         FormatMessage("Module @ failed to start: @", {path, why}));
     }
     return m;
 }

@@ -73,6 +73,12 @@ void CriticalOutput(const char* message, const SourceLocation&) {
     HostCriticalOutput(message ? message : "");
 }
 
+// Frees a counted block allocated here, header and object in one: the destroy function of
+// objects that must outlive the module that made them (errors).
+void FreeObjectBlock(void* object) {
+    if (object) std::free(HeaderOf(object));
+}
+
 const SystemInterface::Slots g_systemSlots{
     .Alloc = &Alloc,
     .Free = &Free,
@@ -85,6 +91,7 @@ const SystemInterface::Slots g_systemSlots{
     .PrivateHasherFinalize = &HasherFinalize,
     .PrivateShowSynchronizedHashMapDiagnostics = &ShowDiagnostics,
     .CriticalOutput = &CriticalOutput,
+    .FreeObjectBlock = &FreeObjectBlock,
 };
 
 }  // namespace

@@ -125,8 +125,6 @@ void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
     AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record, g_unit,
                   "quorv/datadictionary.h", DEPENDENCYKIND::STRONG);
-    // The framework unit may open after this one (link order), so name the target here.
-    g_dictionaryDependency.id = LiteralId(DataDictionaryInterface::INTERFACE_ID);
     DefineSimpleClass(g_component, g_class, g_components, LiteralId(PARALLEL_CAMERA_CLASS_ID),
                       LiteralId(CAMERA_CLASS_REGISTRY_ID), g_unit, __FILE__);
     FillComponentRecord<ParallelCameraImpl, CameraInterface>(g_component);

@@ -23,13 +23,10 @@ Result<void> Init() {
 
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
-    // The framework unit may open after this one (link order), so name the targets here.
     AddDependency(g_applicationDependency, &ApplicationInterface::record, g_unit,
                   "quorv/services.h", DEPENDENCYKIND::STRONG);
-    g_applicationDependency.id = LiteralId(ApplicationInterface::INTERFACE_ID);
     AddDependency(g_databaseDependency, &DataDescriptionDefinitionDatabaseInterface::record, g_unit,
                   "quorv/services.h", DEPENDENCYKIND::STRONG);
-    g_databaseDependency.id = LiteralId(DataDescriptionDefinitionDatabaseInterface::INTERFACE_ID);
     DefineInitialization(g_initialization, __FILE__, &Init, nullptr, g_unit);
 }
 

@@ -30,7 +30,9 @@ TEST(WithheldInterface, MissingResultInterfaceFailsTheStartWithUnresolved) {
     EXPECT_NE(message.find("noapplication.so"), std::string::npos) << message;
     // The failed start was undone: its classes are gone again.
     for (const auto& reg : host::Host::Get().ListRegistries()) {
-        if (reg.id == CAMERAS) EXPECT_TRUE(reg.entries.empty());
+        if (reg.id == CAMERAS) {
+            EXPECT_TRUE(reg.entries.empty());
+        }
     }
 }
 

@@ -152,12 +152,6 @@ Json DictionaryToJson(const DataDictionary& d) {
     return out;
 }
 
-Json Point3(const Json& line, bool* ok) {
-    Vector64 p;
-    *ok = FromJson(line.value("point", Json()), &p);
-    return *ok ? ToJson(p) : Json();
-}
-
 // One operation line; throws nothing, answers an error object on bad input.
 Json Evaluate(const CameraRef& cam, const Json& line) {
     if (!line.is_object() || !line.contains("op") || !line["op"].is_string()) {
@@ -167,7 +161,11 @@ Json Evaluate(const CameraRef& cam, const Json& line) {
     auto needPoint = [&](Vector64* p) { return FromJson(line.value("point", Json()), p); };
     if (op == "Init") {
         std::vector<std::pair<std::string, Json>> params;
-        for (auto& [k, v] : line.value("params", Json::object()).items()) params.emplace_back(k, v);
+        if (line.contains("params")) {
+            const Json& given = line["params"];
+            if (!given.is_object()) return ErrorJson("\"params\" must be an object");
+            for (auto it = given.begin(); it != given.end(); ++it) params.emplace_back(it.key(), it.value());
+        }
         Result<DataDictionary> dict = BuildParameters(params);
         if (dict.IsError()) return ErrorJson(ErrorToString(dict.GetErrorPointer()));
         Int flags = line.value("flags", 0);

@@ -108,3 +108,5 @@ void ReportUndefinedOperation(const char* operation);
 
 }  // namespace quorv
 
+// The template definitions call the host through quorv/services.h, which includes this file.
+#include "quorv/services.h"
