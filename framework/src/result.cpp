@@ -29,7 +29,7 @@ void DestroyError(void* object) { SystemInterface::Free(HeaderOf(object)); }
 // Copies `text` with its NUL to `out`; returns the copy.
 char* Put(char*& out, std::string_view text) {
     char* start = out;
-    std::memcpy(out, text.data(), text.size());
+    if (!text.empty()) std::memcpy(out, text.data(), text.size());
     out[text.size()] = 0;
     out += text.size() + 1;
     return start;
