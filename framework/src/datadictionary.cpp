@@ -9,7 +9,7 @@ Result<DataDictionary> DataDictionary::Create() {
     return r;
 }
 
-Data DataDictionary::GetData(const LiteralId& key) const {
+Data DataDictionary::GetData(const DataDictionaryKey& key) const {
     Data value;
     const DataDictionaryObject* d = GetReadable();
     if (d) DataDictionaryInterface::GetData(d, key, &value);
@@ -30,7 +30,7 @@ Result<void> DataDictionary::MakeWritable() {
     return OK;
 }
 
-Result<void> DataDictionary::SetData(const LiteralId& key, const Data& value) {
+Result<void> DataDictionary::SetData(const DataDictionaryKey& key, const Data& value) {
     QUORV_RETURN_IF_ERROR(MakeWritable());
     return DataDictionaryInterface::SetData(_d, key, value);
 }

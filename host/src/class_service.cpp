@@ -393,10 +393,9 @@ Result<UrlObject*> ApplicationGetUrl(Int kind, const LiteralId& id, const QuorvM
                          FormatMessage("Unknown url kind @ for @", {std::to_string(kind), id.View()}));
     }
     std::string path = g_modulePathResolver ? g_modulePathResolver(module) : std::string();
-    if (path.empty()) path = ".";
     // A module's resources lie in the folder "res" beside its library.
     auto slash = path.find_last_of('/');
-    std::string dir = slash == std::string::npos ? "." : path.substr(0, slash);
+    std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash);
     Result<Url> url = Url::FromText(dir + "/res");
     if (url.IsError()) return url.GetError();
     UrlObject* u = const_cast<UrlObject*>(url.GetValue().GetObject());

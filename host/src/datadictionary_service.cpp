@@ -12,9 +12,13 @@ struct DataDictionaryObject {
     struct Entry {
         std::unique_ptr<char[]> key;  // on the heap: key ids handed out stay put when entries move
         UInt word = 0;                // literal id word of the key, owned-text bit clear
+        Int number = 0;               // the integer key, when there is no text
         Data value;
 
-        LiteralId Id() const { return LiteralId(key.get(), word); }
+        DataDictionaryKey Id() const {
+            if (!key) return DataDictionaryKey(number);
+            return DataDictionaryKey(LiteralId(key.get(), word));
+        }
     };
     std::vector<Entry> entries;
     bool immortal = false;  // the shared empty dictionary
@@ -28,7 +32,7 @@ namespace {
 
 using Entry = DataDictionaryObject::Entry;
 
-Entry* Find(const DataDictionaryObject* d, const LiteralId& key) {
+Entry* Find(const DataDictionaryObject* d, const DataDictionaryKey& key) {
     if (!d) return nullptr;
     for (const Entry& e : d->entries) {
         if (e.Id() == key) return const_cast<Entry*>(&e);
@@ -55,10 +59,13 @@ DataDictionaryObject* DictionaryAllocCopy(const DataDictionaryObject* source,
         d->entries.reserve(source->entries.size());
         for (const Entry& e : source->entries) {
             Entry copy;
-            size_t n = static_cast<size_t>(e.Id().Length());
-            copy.key.reset(new char[n + 1]);
-            std::memcpy(copy.key.get(), e.key.get(), n + 1);
+            if (e.key) {
+                size_t n = static_cast<size_t>(e.Id().id.Length());
+                copy.key.reset(new char[n + 1]);
+                std::memcpy(copy.key.get(), e.key.get(), n + 1);
+            }
             copy.word = e.word;
+            copy.number = e.number;
             copy.value = e.value;
             if (copy.value.IsEmpty()) throw std::bad_alloc();
             d->entries.push_back(std::move(copy));
@@ -85,27 +92,28 @@ const DataDictionaryObject* DictionaryGetEmpty() {
 
 // Copies the value under `key` into `*out` (when given). False when absent, and when the copy
 // failed for want of memory; `*out` is then empty.
-Bool DictionaryGetData(const DataDictionaryObject* d, const LiteralId& key, Data* out) {
+Bool DictionaryGetData(const DataDictionaryObject* d, const DataDictionaryKey& key, Data* out) {
     const Entry* e = Find(d, key);
     if (out) *out = e ? e->value : Data();
     return e && (!out || !out->IsEmpty());
 }
 
-Result<void> DictionarySetData(DataDictionaryObject* d, const LiteralId& key, const Data& value) {
+Result<void> DictionarySetData(DataDictionaryObject* d, const DataDictionaryKey& key,
+                               const Data& value) {
     return GuardAllocation([&]() -> Result<void> {
         if (!d) return NullDictionary("SetData");
         if (d->immortal) {
             return MakeError(
                 ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                FormatMessage("SetData of @ on the shared empty dictionary", {key.View()}));
+                FormatMessage("SetData of @ on the shared empty dictionary", {key.ToString()}));
         }
-        if (key.IsEmpty() || !key.text) {
+        if (!key.IsNumber() && (key.id.IsEmpty() || !key.id.text)) {
             return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                              "SetData with an empty key");
         }
         if (value.IsEmpty()) {
             return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                             FormatMessage("SetData of @ with an empty value", {key.View()}));
+                             FormatMessage("SetData of @ with an empty value", {key.ToString()}));
         }
         Data copy(value);
         if (copy.IsEmpty()) return OutOfMemoryError();
@@ -114,18 +122,22 @@ Result<void> DictionarySetData(DataDictionaryObject* d, const LiteralId& key, co
             return OK;
         }
         Entry entry;
-        std::string_view text = key.View();
-        entry.key.reset(new char[text.size() + 1]);
-        std::memcpy(entry.key.get(), text.data(), text.size());
-        entry.key[text.size()] = 0;
-        entry.word = LiteralIdWord(text);
+        if (key.IsNumber()) {
+            entry.number = key.number;
+        } else {
+            std::string_view text = key.id.View();
+            entry.key.reset(new char[text.size() + 1]);
+            std::memcpy(entry.key.get(), text.data(), text.size());
+            entry.key[text.size()] = 0;
+            entry.word = LiteralIdWord(text);
+        }
         entry.value = std::move(copy);
         d->entries.push_back(std::move(entry));
         return OK;
     });
 }
 
-Bool DictionaryEraseData(DataDictionaryObject* d, const LiteralId& key) {
+Bool DictionaryEraseData(DataDictionaryObject* d, const DataDictionaryKey& key) {
     Entry* e = Find(d, key);
     if (!e || d->immortal) return false;
     d->entries.erase(d->entries.begin() + (e - d->entries.data()));
@@ -154,9 +166,10 @@ bool HasValue(const DataDictionaryIteratorState* it) {
 Bool IteratorHasValue(const DataDictionaryIteratorState* it) { return HasValue(it); }
 
 // The key id points into the dictionary: it is valid while the dictionary lives unchanged.
-Bool IteratorGetKeyAndData(const DataDictionaryIteratorState* it, LiteralId* key, Data* out) {
+Bool IteratorGetKeyAndData(const DataDictionaryIteratorState* it, DataDictionaryKey* key,
+                           Data* out) {
     if (!HasValue(it)) {
-        if (key) *key = LiteralId();
+        if (key) *key = DataDictionaryKey();
         if (out) out->Reset();
         return false;
     }

@@ -56,11 +56,11 @@ std::vector<std::pair<std::string, Int32>> Walk(const DataDictionaryObject* d) {
     DataDictionaryIteratorState it;
     DataDictionaryInterface::InitIterator(d, &it);
     while (DataDictionaryInterface::IteratorHasValue(&it)) {
-        LiteralId key;
+        DataDictionaryKey key;
         Data value;
         EXPECT_TRUE(DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value));
         const Int32* v = value.Get<Int32>();
-        out.emplace_back(std::string(key.View()), v ? *v : -1);
+        out.emplace_back(key.ToString(), v ? *v : -1);
         DataDictionaryInterface::IteratorMoveToNext(&it);
     }
     DataDictionaryInterface::IteratorDestruct(&it);
@@ -237,10 +237,10 @@ TEST(HostDictionary, IteratorsWalkInInsertionOrderAndHoldTheDictionary) {
     ASSERT_TRUE(d.SetData(LiteralId("net.quorv.test.d"), Data::Of(Int32{4})).IsOk());
     EXPECT_NE(d.GetObject(), walked);
     EXPECT_EQ(GetCountWord(walked), REFERENCE_STEP);  // now held by the iterator alone
-    LiteralId key;
+    DataDictionaryKey key;
     Data value;
     ASSERT_TRUE(DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value));
-    EXPECT_EQ(key.View(), "net.quorv.test.c");
+    EXPECT_EQ(key.ToString(), "net.quorv.test.c");
     EXPECT_EQ(*value.Get<Int32>(), 10);
 
     DataDictionaryInterface::InitIterator(walked, &end);
@@ -252,7 +252,8 @@ TEST(HostDictionary, IteratorsWalkInInsertionOrderAndHoldTheDictionary) {
     EXPECT_TRUE(DataDictionaryInterface::IteratorIsEqual(&it, &end));
     EXPECT_FALSE(DataDictionaryInterface::IteratorHasValue(&it));
     EXPECT_FALSE(DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value));
-    EXPECT_TRUE(key.IsEmpty());
+    EXPECT_FALSE(key.IsNumber());
+    EXPECT_TRUE(key.id.IsEmpty());
     EXPECT_TRUE(value.IsEmpty());
     DataDictionaryIteratorState other;
     DataDictionaryInterface::InitIterator(d.GetObject(), &other);
@@ -290,6 +291,33 @@ TEST(HostDictionary, ConcurrentReadersOfOneDictionary) {
     for (auto& t : threads) t.join();
     for (int m : mismatches) EXPECT_EQ(m, 0);
     EXPECT_EQ(GetCountWord(d.GetObject()), REFERENCE_STEP);
+}
+
+TEST(DataDictionaryKeys, IntegerKeysLiveBesideIdKeys) {
+    DataDictionary d = DataDictionary::Create().GetValue();
+    ASSERT_TRUE(d.SetData(1000, Data::Of(Int32{3})).IsOk());
+    ASSERT_TRUE(d.SetData(LiteralId("1000"), Data::Of(Int32{4})).IsOk());  // text, not a number
+    ASSERT_TRUE(d.SetData(Int{1009}, Data::Of(2.5)).IsOk());
+    EXPECT_EQ(d.Get<Int32>(1000, -1), 3);
+    EXPECT_EQ(d.Get<Int32>(LiteralId("1000"), -1), 4);
+    EXPECT_EQ(d.Get<Float64>(1009, 0.0), 2.5);
+    EXPECT_EQ(d.Get<Float64>(1008, -1.0), -1.0);
+    EXPECT_EQ(d.GetCount(), 3);
+    // A copy made for writing keeps the integer keys.
+    DataDictionary shared = d;
+    ASSERT_TRUE(shared.SetData(1001, Data::Of(Int32{7})).IsOk());
+    EXPECT_EQ(shared.Get<Int32>(1000, -1), 3);
+    EXPECT_EQ(d.Get<Int32>(1001, -1), -1);
+    std::vector<std::string> keys;
+    DataDictionaryIteratorState it;
+    DataDictionaryInterface::InitIterator(shared.GetObject(), &it);
+    for (; DataDictionaryInterface::IteratorHasValue(&it); DataDictionaryInterface::IteratorMoveToNext(&it)) {
+        DataDictionaryKey key;
+        ASSERT_TRUE(DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, nullptr));
+        keys.push_back((key.IsNumber() ? "#" : "") + key.ToString());
+    }
+    DataDictionaryInterface::IteratorDestruct(&it);
+    EXPECT_EQ(keys, (std::vector<std::string>{"#1000", "1000", "#1009", "#1001"}));
 }
 
 }  // namespace

@@ -141,10 +141,10 @@ Json DictionaryToJson(const DataDictionary& d) {
     DataDictionaryIteratorState it;
     DataDictionaryInterface::InitIterator(obj, &it);
     while (DataDictionaryInterface::IteratorHasValue(&it)) {
-        LiteralId key;
+        DataDictionaryKey key;
         Data value;
         if (DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value)) {
-            out[std::string(key.View())] = DataToJson(value);
+            out[key.ToString()] = DataToJson(value);
         }
         DataDictionaryInterface::IteratorMoveToNext(&it);
     }

@@ -6,20 +6,23 @@
 
 namespace quorv {
 
-/// A declared dictionary key with its value type. Keys are defined at namespace scope in a
-/// module source; each chains itself under `g_quorv.idList` so a host can list them.
+/// A declared dictionary key with its value type. Id keys are defined at namespace scope in a
+/// module source; each chains itself under `g_quorv.idList` so a host can list them. Integer
+/// keys are plain numbers and are not listed.
 template <typename T>
 class DictionaryKey {
 public:
-    explicit DictionaryKey(const char* id) {
+    explicit DictionaryKey(const char* id) : _key(LiteralId(id)) {
         _record.id = LiteralId(id);
         _record.typeId = DataTypeIdOf<T>::id;
         _record.getType = &GetDataType<T>;
         AddDictionaryKey(_record);
     }
-    const LiteralId& GetId() const { return _record.id; }
+    explicit constexpr DictionaryKey(Int number) : _key(number) {}
+    const DataDictionaryKey& GetId() const { return _key; }
 
 private:
+    DataDictionaryKey _key;
     DictionaryKeyRecord _record;
 };
 
@@ -56,7 +59,7 @@ public:
         return Get<T>(key.GetId(), defaultValue);
     }
     template <typename T>
-    T Get(const LiteralId& key, const T& defaultValue) const {
+    T Get(const DataDictionaryKey& key, const T& defaultValue) const {
         const DataDictionaryObject* d = GetReadable();
         if (!d) return defaultValue;
         Data value;
@@ -65,7 +68,7 @@ public:
         return v ? *v : defaultValue;
     }
     /// The raw value under `key`; empty when absent.
-    Data GetData(const LiteralId& key) const;
+    Data GetData(const DataDictionaryKey& key) const;
 
     /// Stores a value, first replacing a shared dictionary by a private copy.
     template <typename T>
@@ -74,7 +77,7 @@ public:
         if (d.IsEmpty()) return MakeError(ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION);
         return SetData(key.GetId(), d);
     }
-    Result<void> SetData(const LiteralId& key, const Data& value);
+    Result<void> SetData(const DataDictionaryKey& key, const Data& value);
 
     /// Makes this dictionary private: a shared one is replaced by a copy. A null one is created.
     Result<void> MakeWritable();

@@ -4,6 +4,8 @@
 /// header of quorv/ref.h. Most code uses the C++ faces of quorv/string.h, quorv/url.h,
 /// quorv/datadictionary.h and quorv/classes.h instead of these tables.
 
+#include <string>
+
 #include "quorv/datatype.h"
 #include "quorv/slots.h"
 
@@ -14,6 +16,29 @@ struct CStringObject;
 struct UrlObject;
 struct DataDictionaryObject;
 struct ClassObject;
+
+/// A dictionary key: a literal id, or a plain integer. Objects such as photometric webs and
+/// BSDF parameter sets key their entries by number.
+struct DataDictionaryKey {
+    LiteralId id;
+    Int number = 0;
+    Bool isNumber = false;
+
+    DataDictionaryKey() = default;
+    DataDictionaryKey(const LiteralId& i) : id(i) {}
+    DataDictionaryKey(const char* text) : id(text) {}
+    DataDictionaryKey(Int n) : number(n), isNumber(true) {}
+    DataDictionaryKey(Int32 n) : number(n), isNumber(true) {}
+
+    bool IsNumber() const { return isNumber; }
+    bool operator==(const DataDictionaryKey& o) const {
+        return IsNumber() ? (o.IsNumber() && number == o.number) : id == o.id;
+    }
+    /// The id text, or the number in decimal.
+    std::string ToString() const {
+        return IsNumber() ? std::to_string(number) : std::string(id.View());
+    }
+};
 
 /// State of a dictionary iterator; its meaning is the host's.
 struct DataDictionaryIteratorState {
@@ -105,13 +130,13 @@ QUORV_NONVIRTUAL_INTERFACE(UrlInterface, "net.quorv.interface.url", QUORV_URL_ME
     M(DataDictionaryObject*, AllocCopy, (const DataDictionaryObject* source, const SourceLocation& loc), (source, loc)) \
     M(void, Free, (DataDictionaryObject* d), (d)) \
     M(const DataDictionaryObject*, GetEmpty, (), ()) \
-    M(Bool, GetData, (const DataDictionaryObject* d, const LiteralId& key, Data* out), (d, key, out)) \
-    M(Result<void>, SetData, (DataDictionaryObject* d, const LiteralId& key, const Data& value), (d, key, value)) \
-    M(Bool, EraseData, (DataDictionaryObject* d, const LiteralId& key), (d, key)) \
+    M(Bool, GetData, (const DataDictionaryObject* d, const DataDictionaryKey& key, Data* out), (d, key, out)) \
+    M(Result<void>, SetData, (DataDictionaryObject* d, const DataDictionaryKey& key, const Data& value), (d, key, value)) \
+    M(Bool, EraseData, (DataDictionaryObject* d, const DataDictionaryKey& key), (d, key)) \
     M(Int, GetCount, (const DataDictionaryObject* d), (d)) \
     M(void, InitIterator, (const DataDictionaryObject* d, DataDictionaryIteratorState* it), (d, it)) \
     M(Bool, IteratorHasValue, (const DataDictionaryIteratorState* it), (it)) \
-    M(Bool, IteratorGetKeyAndData, (const DataDictionaryIteratorState* it, LiteralId* key, Data* out), (it, key, out)) \
+    M(Bool, IteratorGetKeyAndData, (const DataDictionaryIteratorState* it, DataDictionaryKey* key, Data* out), (it, key, out)) \
     M(void, IteratorMoveToNext, (DataDictionaryIteratorState* it), (it)) \
     M(Bool, IteratorIsEqual, (const DataDictionaryIteratorState* a, const DataDictionaryIteratorState* b), (a, b)) \
     M(void, IteratorDestruct, (DataDictionaryIteratorState* it), (it))
