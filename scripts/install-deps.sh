@@ -7,6 +7,8 @@ packages=(
     cmake ninja-build g++ binutils
     libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcli11-dev
+    libopenimageio-dev libtbb-dev pkgconf
+    clang libclang-rt-14-dev
 )
 
 missing=()

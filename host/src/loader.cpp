@@ -148,6 +148,30 @@ void Host::BindModule(LoadedModule& module, const std::vector<std::string>& with
         });
     });
     ApplyPendingConfiguration(*_state, module);
+    if (module.handle) RebindStubs(module);
+}
+
+// A module that supplies an interface (its static interfaces) makes it callable from binaries
+// bound before it: slots of theirs that hold stubs are bound again.
+void Host::RebindStubs(const LoadedModule& supplier) {
+    for (auto& other : _modules) {
+        if (other.get() == &supplier) continue;
+        ForEachUnit(*other->info, [&](TranslationUnitRecord& unit) {
+            ForEachRecord(unit, [&](EntityBase& r) {
+                if (r.GetType() != EntityBase::TYPE::NONVIRTUAL_INTERFACE) return;
+                auto& nv = static_cast<NonVirtualInterfaceRecord&>(r);
+                if (!nv.slots || !nv.stubFiller) return;
+                if (IsWithheld(*_state, other->withheld, nv.id.View())) return;
+                const char* name = nv.methodNames;
+                for (Int i = 0; i < nv.count; ++i) {
+                    if (nv.slots[i] == nv.stubFiller(&nv, i)) {
+                        if (void* f = FindServiceFunction(*_state, nv.id.View(), name)) nv.slots[i] = f;
+                    }
+                    name += std::strlen(name) + 1;
+                }
+            });
+        });
+    }
 }
 
 Result<void> Host::RunDefinitions(LoadedModule& module) {
@@ -236,6 +260,7 @@ Result<LoadedModule*> Host::LoadModule(const std::string& path,
     module->handle = handle;
     module->info = info;
     module->yieldDelegate = delegate;
+    module->withheld = withheldInterfaces;
     LoadedModule* m = module.get();
     _modules.push_back(std::move(module));
     BindModule(*m, withheldInterfaces);

@@ -42,6 +42,7 @@ struct LoadedModule {
     QuorvModuleInfo* info = nullptr;
     CpuYieldDelegate* yieldDelegate = nullptr;
     ConfigurationTable* configuration = nullptr;
+    std::vector<std::string> withheld;  ///< interfaces left unbound for this module
     std::vector<EntityBase*> definitionsRun;  ///< classes and initializations, in run order
 };
 
@@ -119,6 +120,7 @@ public:
 private:
     Host();
     void BindModule(LoadedModule& module, const std::vector<std::string>& withheld);
+    void RebindStubs(const LoadedModule& supplier);
     Result<void> RunDefinitions(LoadedModule& module);
 
     std::unique_ptr<State> _state;
