@@ -117,20 +117,13 @@ namespace {
 
 TranslationUnitRecord g_unit;
 DependencyRecord g_dictionaryDependency;
-ComponentRecord g_component;
-ClassRecord g_class;
-const ComponentRecord* const g_components[] = {&g_component};
 
-void Register() {
-    OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
-    AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record, g_unit,
-                  "quorv/datadictionary.h", DEPENDENCYKIND::STRONG);
-    DefineSimpleClass(g_component, g_class, g_components, LiteralId(PARALLEL_CAMERA_CLASS_ID),
-                      LiteralId(CAMERA_CLASS_REGISTRY_ID), g_unit, __FILE__);
-    FillComponentRecord<ParallelCameraImpl, CameraInterface>(g_component);
-}
-
-const bool g_registered = (Register(), true);
+const bool g_opened = (OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0),
+                       AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record,
+                                     g_unit, "quorv/datadictionary.h", DEPENDENCYKIND::STRONG),
+                       true);
+SimpleClass<ParallelCameraImpl, CameraInterface> g_class(g_unit, PARALLEL_CAMERA_CLASS_ID,
+                                                         CAMERA_CLASS_REGISTRY_ID, __FILE__);
 
 }  // namespace
 

@@ -118,6 +118,32 @@ void DefineSimpleClass(ComponentRecord& component, ClassRecord& cls,
                        const ComponentRecord* const* componentList, LiteralId id,
                        LiteralId registry, TranslationUnitRecord& unit, const char* sourceName);
 
+/// The records of a class made of one component of type IMPL implementing interface I, defined
+/// and registered under `id` in `registry` when constructed, i.e. one line per class at
+/// namespace scope in the class's unit:
+///
+///     SimpleClass<ParallelCameraImpl, CameraInterface> g_class(g_unit, ID, REGISTRY, __FILE__);
+///
+/// The object must not be const: the host writes the records' states.
+template <typename IMPL, typename I>
+class SimpleClass {
+public:
+    SimpleClass(TranslationUnitRecord& unit, const char* id, const char* registry,
+                const char* sourceName) {
+        _components[0] = &_component;
+        DefineSimpleClass(_component, _class, _components, LiteralId(id), LiteralId(registry),
+                          unit, sourceName);
+        FillComponentRecord<IMPL, I>(_component);
+    }
+    SimpleClass(const SimpleClass&) = delete;
+    SimpleClass& operator=(const SimpleClass&) = delete;
+
+private:
+    ComponentRecord _component;
+    ClassRecord _class;
+    const ComponentRecord* _components[1] = {nullptr};
+};
+
 }  // namespace quorv
 
 #define QUORV_V_INDEX(R, Name, Params, Args) IDX_##Name,
