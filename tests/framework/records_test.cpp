@@ -226,5 +226,34 @@ TEST(Resolve, InitializedWithMissingMethodsKeepsTheStub) {
     EXPECT_EQ(log.back(), "net.quorv.interface.missing");
 }
 
+int g_builds = 0;
+
+TEST(TypeCache, BuildsOnceAndReportsAFailedBuild) {
+    static ModuleRecord module;
+    static TypeCacheEntry good, bad;
+    g_builds = 0;
+    AddTypeCache(good, [] {
+        ++g_builds;
+        return Result<const DataType*>(DataTypeLibInterface::GetRuntimeDataType("float64"));
+    }, module);
+    AddTypeCache(bad, [] {
+        return Result<const DataType*>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "no layout"));
+    }, module);
+    EXPECT_EQ(module.typeCaches, &bad);
+    EXPECT_EQ(bad.next, &good);
+    const DataType* t = good.Get();
+    EXPECT_EQ(good.Get(), t);
+    EXPECT_EQ(g_builds, 1);
+    ASSERT_NE(t, nullptr);
+    EXPECT_TRUE(t->id == "float64");
+
+    host::Host::Get().ClearCriticalLog();
+    EXPECT_EQ(bad.Get(), DataTypeLibInterface::GetInvalidType());
+    auto log = host::Host::Get().GetCriticalLog();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].rfind("Error while initializing data type: net.quorv.error.illegalstate: no layout", 0), 0u)
+        << log[0];
+}
+
 }  // namespace
 }  // namespace quorv
