@@ -51,6 +51,10 @@ Host& Host::Start(const HostOptions& options) {
     RegisterDataDictionaryService(host);
     RegisterDataTypeService(host);
     RegisterClassService(host);
+    RegisterLexerService(host);
+    RegisterParallelService(host);
+    RegisterStringConversionService(host);
+    RegisterDataSerializeService(host);
 
     // The host's own binary is bound and defined like a module.
     auto self = std::make_unique<LoadedModule>();

@@ -31,6 +31,12 @@ std::vector<std::string> GetCriticalLogCopy();
 void ClearCriticalLogEntries();
 void SetFailCountdown(Int n);
 
+// ---- text, loops, serialisation --------------------------------------------------------------
+void RegisterLexerService(Host& host);
+void RegisterParallelService(Host& host);
+void RegisterStringConversionService(Host& host);
+void RegisterDataSerializeService(Host& host);
+
 // ---- classes, registries, application, description databases -------------------------------
 void RegisterClassService(Host& host);
 /// Creates an empty registry; a second one with the same id is kept (true: created now).

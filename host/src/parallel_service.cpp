@@ -1,0 +1,68 @@
+// Parallel loops on oneTBB: dynamic partitions (auto partitioner over a blocked range with the
+// caller's grain size), the worker index from the task arena.
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+#include <tbb/task_group.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "host_internal.h"
+#include "quorv/parallel.h"
+#include "services_impl.h"
+
+namespace quorv::host {
+
+namespace {
+
+Int GetWorkerCount() { return tbb::this_task_arena::max_concurrency(); }
+
+Int GetCurrentWorkerThreadIndex() {
+    int i = tbb::this_task_arena::current_thread_index();
+    return i == tbb::task_arena::not_initialized ? 0 : i;
+}
+
+Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* user) {
+    if (!body) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Loop body missing");
+    if (to <= from) return OK;
+    if (granularity < 1) granularity = 1;
+    std::mutex errorMutex;
+    Result<void> first = OK;
+    std::atomic<bool> failed{false};
+    try {
+        tbb::task_group_context context;
+        const Int workers = GetWorkerCount();
+        tbb::parallel_for(
+            tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
+            [&](const tbb::blocked_range<Int>& r) {
+                if (failed.load(std::memory_order_relaxed)) return;
+                Int worker = GetCurrentWorkerThreadIndex();
+                if (worker < 0 || worker >= workers) worker = 0;
+                Result<void> result = body(user, r.begin(), r.end(), worker);
+                if (result.IsError()) {
+                    std::lock_guard<std::mutex> lock(errorMutex);
+                    if (!failed.exchange(true)) {
+                        first = result;
+                        context.cancel_group_execution();
+                    }
+                }
+            },
+            tbb::auto_partitioner(), context);
+    } catch (...) {
+        return OutOfMemoryError();
+    }
+    return first;
+}
+
+const ParallelInterface::Slots g_slots{
+    .GetWorkerCount = &GetWorkerCount,
+    .GetCurrentWorkerThreadIndex = &GetCurrentWorkerThreadIndex,
+    .For = &For,
+};
+
+}  // namespace
+
+void RegisterParallelService(Host& host) { host.RegisterService<ParallelInterface>(g_slots); }
+
+}  // namespace quorv::host
