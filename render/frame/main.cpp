@@ -4,6 +4,7 @@
 #include "quorv/services.h"  // the definition of DataTypeOperationsOf
 #include "render/frame/rendercommon.h"
 #include "render/frame/shadingcontext.h"
+#include "render/legacy_renderers/microfacetdistributioncaches.h"
 
 namespace quorv {
 
@@ -17,6 +18,7 @@ DataTypeRecord g_shadingContext;
 DataTypeRecord g_intersectionResult64;
 DataTypeRecord g_intersectionResult32;
 DataTypeRecord g_bsdfLayer;
+DataTypeRecord g_samplerCache;
 DataTypeRecord g_uvwData32;
 DataTypeRecord g_uvwData64;
 DataTypeRecord g_vertexColorData32;
@@ -66,8 +68,7 @@ void Register() {
     DefineRecordType<IntersectionResult64>(g_intersectionResult64, "quorv::IntersectionResult64");
     DefineRecordType<IntersectionResult32>(g_intersectionResult32, "quorv::IntersectionResult32");
     DefineRecordType<BSDFLayer>(g_bsdfLayer, "quorv::BSDFLayer");
-    // quorv::SamplerCache ("net.quorv.render.legacy_renderers.samplercache") takes this place
-    // in the order; it is added here with the BSDF subsystem that defines it.
+    DefineRecordType<SamplerCache>(g_samplerCache, "quorv::SamplerCache");
     DefineRecordType<UVWData32>(g_uvwData32, "quorv::UVWData32");
     DefineRecordType<UVWData64>(g_uvwData64, "quorv::UVWData64");
     DefineRecordType<VertexColorData32>(g_vertexColorData32, "quorv::VertexColorData32");

@@ -1,7 +1,8 @@
 // The module's registration unit: the module record "net.quorv.render", the framework parts
-// it is built with, the reflection unit and the registry of camera classes.
+// it is built with, the reflection unit and the registries of camera and legacy BSDF classes.
 #include "quorv/entity.h"
 #include "render/cameras/camera.h"
+#include "render/legacy_renderers/bsdf_legacy.h"
 
 namespace quorv {
 
@@ -27,6 +28,7 @@ ModuleRecord g_miscFramework;
 TranslationUnitRecord g_reflectionUnit;
 DependencyRecord g_reflectionDependency;
 RegistryRecord g_cameraClasses;
+RegistryRecord g_bsdfLegacyClasses;
 
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, F::REGISTRATION_UNIT);
@@ -50,6 +52,8 @@ void Register() {
     AddDependencyById(g_reflectionDependency, ".reflection", g_reflectionUnit, nullptr);
 
     DefineRegistry(g_cameraClasses, LiteralId(CAMERA_CLASS_REGISTRY_ID), g_unit, __FILE__, 0);
+    DefineRegistry(g_bsdfLegacyClasses, LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), g_unit,
+                   __FILE__, 0);
 }
 
 const bool g_registered = (Register(), true);
