@@ -10,19 +10,6 @@
 
 namespace quorv {
 
-BSDFCachedSample MakeBSDFCachedSample(Float32 u0, Float32 u1, Float32 u2) {
-    BSDFCachedSample s;
-    s.u0 = u0;
-    s.u1 = u1;
-    s.u2 = u2;
-    s.power = static_cast<Float32>(std::pow(1.0 - 0.999 * static_cast<Float64>(u1), 0.841));
-    s.sinPhi = std::sin(u0 * 6.2831855f);
-    s.cosPhi = std::cos(u0 * 6.2831855f);
-    s.cosTheta = std::sqrt(u1);
-    s.sinTheta = std::sqrt(1.0f - u1);
-    return s;
-}
-
 BSDFFrame ComputeSharedBSDFFrame(const Vector64& n, const Vector64& u, const Vector64& v,
                                  Bool useGivenFrame) {
     if (useGivenFrame && Dot(u, u) >= 0.9999999 && Dot(v, v) >= 0.9999999) return {n, u, v};

@@ -20,6 +20,8 @@
 /// Thread safety: after `Init` the evaluation operations only read the object (cache entries
 /// apart, see microfacetdistributioncaches.h) and take no lock; `Init` must run alone.
 
+#include <cmath>
+
 #include "quorv/classes.h"
 #include "quorv/datadictionary.h"
 
@@ -88,8 +90,20 @@ static_assert(sizeof(BSDFCachedSample) == 36);
 QUORV_DATATYPE_ID(BSDFCachedSample, "net.quorv.render.bsdfcachedsample");
 
 /// The derived fields of a sample from its three random numbers. Roots, sine and cosine are
-/// taken in Float32, `power` in Float64 from the Float32 `u1`.
-BSDFCachedSample MakeBSDFCachedSample(Float32 u0, Float32 u1, Float32 u2);
+/// taken in Float32, `power` in Float64 from the Float32 `u1`. Inline: callers on the host side
+/// build records the same way.
+inline BSDFCachedSample MakeBSDFCachedSample(Float32 u0, Float32 u1, Float32 u2) {
+    BSDFCachedSample s;
+    s.u0 = u0;
+    s.u1 = u1;
+    s.u2 = u2;
+    s.power = static_cast<Float32>(std::pow(1.0 - 0.999 * static_cast<Float64>(u1), 0.841));
+    s.sinPhi = std::sin(u0 * 6.2831855f);
+    s.cosPhi = std::cos(u0 * 6.2831855f);
+    s.cosTheta = std::sqrt(u1);
+    s.sinTheta = std::sqrt(1.0f - u1);
+    return s;
+}
 
 /// The pseudo-random generator of the BSDFs: next = (state * 69069 + 69069) AND 0x7fffffff.
 struct BSDFRandom {

@@ -48,7 +48,11 @@ struct SamplerCache {
         std::atomic_ref<Float32>(const_cast<Float32&>(entries[i])).store(v, std::memory_order_relaxed);
     }
     /// The number of set entries (tests and diagnostics).
-    Int CountSet() const;
+    Int CountSet() const {
+        Int n = 0;
+        for (Int i = 0; i < ENTRY_COUNT; ++i) n += Load(i) < -0.5f ? 0 : 1;
+        return n;
+    }
 
     alignas(16) Float32 entries[ENTRY_COUNT];
 };

@@ -8,12 +8,6 @@
 
 namespace quorv {
 
-Int SamplerCache::CountSet() const {
-    Int n = 0;
-    for (Int i = 0; i < ENTRY_COUNT; ++i) n += Load(i) < -0.5f ? 0 : 1;
-    return n;
-}
-
 namespace {
 
 /// The block behind a `MicrofacetDistributionCaches` handle.
