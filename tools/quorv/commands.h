@@ -20,6 +20,7 @@ bool StartHost(const GlobalOptions& options);
 /// Adds a subcommand; `run` is set to the function the subcommand runs (its exit code).
 void AddClassesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddCameraCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

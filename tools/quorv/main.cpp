@@ -63,6 +63,7 @@ int main(int argc, char** argv) {
     std::function<int()> run;
     AddClassesCommand(app, options, run);
     AddCameraCommand(app, options, run);
+    AddIesCommand(app, options, run);
     AddBSDFCommand(app, options, run);
     try {
         app.parse(argc, argv);

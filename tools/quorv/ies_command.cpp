@@ -1,0 +1,211 @@
+// quorv ies: reads a photometric web through the module and shows what it holds, writes it
+// back as text, answers intensities and renders the preview picture.
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "jsonio.h"
+#include "quorv/host/image_writer.h"
+#include "render/photometric/ies.h"
+
+namespace quorv {
+// This binary's table of the module's interface, bound when the module is loaded.
+QUORV_DEFINE_NONVIRTUAL_INTERFACE(IesInterface)
+}  // namespace quorv
+
+namespace quorv::cli {
+
+namespace {
+
+const char* const INTENSITY_HELP = R"(Reads JSON lines on stdin, each a direction [x,y,z] or {"direction":[x,y,z]} in the
+light's own space (the web's vertical axis is z, vertical angle 0 looks along -z), and writes
+one line per input: the intensity relative to the maximum, a number that reads back to the
+same bits. A bad line gives {"error": "..."} on its line and the run goes on.)";
+
+struct IesOptions {
+    std::string file;
+    bool json = false;
+    std::string output;
+    Int size = 512;
+};
+
+const char* VersionName(IESVERSION v) {
+    switch (v) {
+        case IESVERSION::V1986: return "V1986";
+        case IESVERSION::V1991: return "V1991";
+        case IESVERSION::V1995: return "V1995";
+        case IESVERSION::V2002: return "V2002";
+    }
+    return "?";
+}
+
+const char* TiltName(IESTILT t) {
+    switch (t) {
+        case IESTILT::UNKNOWN: return "UNKNOWN";
+        case IESTILT::NONE: return "NONE";
+        case IESTILT::INCLUDE: return "INCLUDE";
+        case IESTILT::FILE: return "FILE";
+    }
+    return "?";
+}
+
+const char* ShapeName(AREALIGHTSHAPE s) {
+    static const char* const NAMES[] = {"NONE", "DISC",       "RECTANGLE", "SPHERE", "CYLINDER",
+                                        "CUBE", "HEMISPHERE", "OBJECT",    "LINE",   "PCYLINDER"};
+    auto i = static_cast<Int32>(s);
+    return i >= 0 && i < 10 ? NAMES[i] : "?";
+}
+
+// Loads the module and the web; prints the error and answers null on failure.
+IesRef Load(const GlobalOptions& options, const std::string& file) {
+    if (!StartHost(options)) return {};
+    Result<Url> url = Url::FromText(file);
+    if (url.IsError()) {
+        std::fprintf(stderr, "%s\n", url.GetErrorPointer()->message);
+        return {};
+    }
+    Result<IesRef> ies = IesRef::Load(url.GetValue());
+    if (ies.IsError()) {
+        ErrorObject* e = ies.GetErrorPointer();
+        std::fprintf(stderr, "%s\n", e->message ? e->message : ErrorToString(e).c_str());
+        return {};
+    }
+    return ies.GetValue();
+}
+
+// The text as a file holds it: one byte per character.
+std::string ToBit8(const std::string& utf8) {
+    std::string out;
+    for (size_t i = 0; i < utf8.size(); ++i) {
+        auto c = static_cast<unsigned char>(utf8[i]);
+        if ((c & 0xE0) == 0xC0 && i + 1 < utf8.size()) {
+            out.push_back(static_cast<char>(((c & 0x1F) << 6) | (utf8[++i] & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    return out;
+}
+
+int RunInfo(const GlobalOptions& options, const IesOptions& o) {
+    IesRef ies = Load(options, o.file);
+    if (!ies) return 1;
+    const DataDictionary& p = *IesInterface::GetProperties(ies.Get());
+    const Vector64 size = p.Get<Vector64>(IesPropertySize, Vector64{});
+    char checksum[16];
+    std::snprintf(checksum, sizeof(checksum), "%08x", IesInterface::GetChecksum(ies.Get()));
+    struct Text {
+        const char* name;
+        Int32 key;
+    } texts[] = {{"manufacturer", IesPropertyManufacturer},
+                 {"luminaireCatalog", IesPropertyLuminaireCatalog},
+                 {"luminaire", IesPropertyLuminaire},
+                 {"lampCatalog", IesPropertyLampCatalog},
+                 {"lamp", IesPropertyLamp}};
+    // In this order on the text form; the JSON form is an object.
+    std::vector<std::pair<std::string, Json>> fields{
+        {"version", VersionName(p.Get<IESVERSION>(IesPropertyVersion, IESVERSION::V1986))},
+        {"tilt", TiltName(p.Get<IESTILT>(IesPropertyTilt, IESTILT::UNKNOWN))}};
+    for (const Text& t : texts) {
+        Data d = p.GetData(t.key);
+        if (const auto* s = d.Get<std::string>()) fields.emplace_back(t.name, *s);
+    }
+    fields.emplace_back("shape", ShapeName(p.Get<AREALIGHTSHAPE>(IesPropertyShape, AREALIGHTSHAPE::NONE)));
+    fields.emplace_back("size", ToJson(size));
+    fields.emplace_back("nV", ies->_anglesVertical.GetCount());
+    fields.emplace_back("nH", ies->_anglesHorizontal.GetCount());
+    fields.emplace_back("maxIntensity", NumberToJson(p.Get<Float64>(IesPropertyMaxIntensity, 0.0)));
+    fields.emplace_back("lightPowerRatio", NumberToJson(IesInterface::GetLightPowerRatio(ies.Get())));
+    fields.emplace_back("checksum", std::string("0x") + checksum);
+    if (o.json) {
+        Json j = Json::object();
+        for (const auto& [key, value] : fields) j[key] = value;
+        std::cout << Line(j) << "\n";
+        return 0;
+    }
+    for (const auto& [key, value] : fields) {
+        std::cout << key << ": " << (value.is_string() ? value.get<std::string>() : value.dump())
+                  << "\n";
+    }
+    return 0;
+}
+
+int RunText(const GlobalOptions& options, const IesOptions& o) {
+    IesRef ies = Load(options, o.file);
+    if (!ies) return 1;
+    Result<String> text = IesInterface::ConvertToText(ies.Get());
+    if (text.IsError()) {
+        std::fprintf(stderr, "%s\n", ErrorToString(text.GetErrorPointer()).c_str());
+        return 1;
+    }
+    std::cout << ToBit8(text.GetValue().ToUtf8());
+    return 0;
+}
+
+int RunIntensity(const GlobalOptions& options, const IesOptions& o) {
+    IesRef ies = Load(options, o.file);
+    if (!ies) return 1;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        Json in = Json::parse(line, nullptr, false);
+        if (in.is_object() && in.contains("direction")) in = in["direction"];
+        Vector64 d;
+        if (in.is_discarded() || !FromJson(in, &d)) {
+            std::cout << Line(ErrorJson("expected [x,y,z] or {\"direction\":[x,y,z]}")) << "\n";
+            continue;
+        }
+        std::cout << Line(NumberToJson(IesInterface::ComputeLightIntensity(ies.Get(), d))) << "\n";
+    }
+    return 0;
+}
+
+int RunPreview(const GlobalOptions& options, const IesOptions& o) {
+    if (o.size < 1 || o.size > 8192) {
+        std::fprintf(stderr, "quorv: --size must be between 1 and 8192\n");
+        return 1;
+    }
+    IesRef ies = Load(options, o.file);
+    if (!ies) return 1;
+    std::vector<Float32> pixels(static_cast<size_t>(o.size * o.size));
+    GreyImage32 image{o.size, o.size, o.size, pixels.data()};
+    Result<void> r = IesInterface::GeneratePreviewImage(ies.Get(), &image);
+    if (r.IsOk()) r = host::WriteImage(o.output, o.size, o.size, 1, pixels.data());
+    if (r.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(r.GetErrorPointer()).c_str());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
+    static IesOptions io;
+    auto* cmd = app.add_subcommand("ies", "Read a photometric web (IES LM-63) through the module");
+    cmd->require_subcommand(1);
+
+    auto* info = cmd->add_subcommand("info", "Version, tilt, texts, shape, counts, maximum, power, checksum");
+    info->add_option("FILE", io.file, "IES file")->required();
+    info->add_flag("--json", io.json, "One JSON line instead of text");
+    info->callback([&options, &run] { run = [&options] { return RunInfo(options, io); }; });
+
+    auto* text = cmd->add_subcommand("text", "The web written back as IES text");
+    text->add_option("FILE", io.file, "IES file")->required();
+    text->callback([&options, &run] { run = [&options] { return RunText(options, io); }; });
+
+    auto* intensity = cmd->add_subcommand("intensity", "Relative intensity per direction (JSON lines)");
+    intensity->footer(INTENSITY_HELP);
+    intensity->add_option("FILE", io.file, "IES file")->required();
+    intensity->callback([&options, &run] { run = [&options] { return RunIntensity(options, io); }; });
+
+    auto* preview = cmd->add_subcommand("preview", "Render the preview of a room lit by the web");
+    preview->add_option("FILE", io.file, "IES file")->required();
+    preview->add_option("-o,--output", io.output, "Picture to write, .png (8 bit) or .exr")->required();
+    preview->add_option("--size", io.size, "Width and height in pixels (default 512)");
+    preview->callback([&options, &run] { run = [&options] { return RunPreview(options, io); }; });
+}
+
+}  // namespace quorv::cli
