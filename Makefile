@@ -7,7 +7,7 @@ QUORV := $(BUILD)/bin/quorv
 PERSPECTIVE := net.quorv.render.cameraclass.perspective
 RESOLUTION := net.quorv.render.camera.cameraparameters.screenresolution
 
-.PHONY: deps configure build test run asan tsan bench clean
+.PHONY: deps configure build test run asan tsan bench fuzz clean
 
 deps:
 	@scripts/install-deps.sh
@@ -26,6 +26,9 @@ run: build
 	@echo "Centre pixel of a 640x480 perspective camera:"
 	echo '{"op":"CreateScreenRay","screen":[320,240]}' | \
 	    $(QUORV) camera --class $(PERSPECTIVE) --param $(RESOLUTION)=[640,480]
+	$(QUORV) ies info data/ies/example_spot.ies
+	$(QUORV) ies preview data/ies/example_spot.ies -o preview.png
+	@echo "Wrote preview.png"
 
 asan:
 	$(MAKE) test PRESET=asan
@@ -36,6 +39,20 @@ tsan:
 bench:
 	$(MAKE) build PRESET=release
 	build/release/bin/bench_frame
+
+# The reader under libFuzzer, in its own clang build; seeded from the test files, and every
+# input that ever failed stays in fuzz/regressions and is replayed first.
+FUZZ_SECONDS ?= 600
+FUZZ_BUILD := build/fuzz
+fuzz: deps
+	@test -f $(FUZZ_BUILD)/build.ninja || cmake -S . -B $(FUZZ_BUILD) -G Ninja \
+	    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 -DQUORV_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target ies_fuzz
+	$(FUZZ_BUILD)/bin/ies_fuzz -runs=0 fuzz/regressions
+	mkdir -p $(FUZZ_BUILD)/corpus
+	$(FUZZ_BUILD)/bin/ies_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -timeout=20 \
+	    -rss_limit_mb=2048 -print_final_stats=1 $(FUZZ_BUILD)/corpus fuzz/regressions \
+	    tests/data/ies data/ies
 
 clean:
 	rm -rf build
