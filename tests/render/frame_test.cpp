@@ -177,6 +177,7 @@ const RecordType RECORD_TYPES[] = {
     {"net.quorv.render.intersectionresult64", "quorv::IntersectionResult64", 80},
     {"net.quorv.render.intersectionresult32", "quorv::IntersectionResult32", 56},
     {"net.quorv.render.datatype.bsdflayer", "quorv::BSDFLayer", 1},
+    {"net.quorv.render.legacy_renderers.samplercache", "quorv::SamplerCache", 4812000},
     {"net.quorv.datatype.rendercommon.uvwdata32", "quorv::UVWData32", 48},
     {"net.quorv.datatype.rendercommon.uvwdata64", "quorv::UVWData64", 96},
     {"net.quorv.datatype.rendercommonvertex.colordata32", "quorv::VertexColorData32", 64},
@@ -188,9 +189,15 @@ TEST(RenderDataTypes, RegisteredInOrderWithIdsNamesAndSizes) {
     // The photometric enumerations come from their own unit, render/photometric/ies_impl.cpp.
     const std::vector<std::string> photometric{"quorv::IESVERSION", "quorv::IESTILT",
                                                "quorv::AREALIGHTSHAPE"};
+    // The BSDF sample record and cache handle come from render/legacy_renderers/bsdf_impl.cpp.
+    const std::vector<std::string> legacyBsdf{"quorv::BSDFCachedSample",
+                                              "quorv::SamplerCachePointer"};
     for (const auto& t : host::Host::Get().ListDataTypes()) {
         if (t.typeName.rfind("quorv::", 0) != 0) continue;
         if (std::find(photometric.begin(), photometric.end(), t.typeName) != photometric.end()) {
+            continue;
+        }
+        if (std::find(legacyBsdf.begin(), legacyBsdf.end(), t.typeName) != legacyBsdf.end()) {
             continue;
         }
         ours.push_back(t);
