@@ -908,6 +908,20 @@ TEST(SamplerCacheTable, DataTypesAreRegistered) {
     const DataType* t = GetDataType<SamplerCache>();
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->size, 1203000 * 4);
+    // The table operations work in place: a 4.8 MB value never lands on the stack.
+    void* a = t->operations->HeapNew(t);
+    void* b = t->operations->HeapNew(t);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(static_cast<SamplerCache*>(a)->CountSet(), 0);
+    static_cast<SamplerCache*>(b)->Store(1202999, 0.5f);
+    t->operations->Swap(a, b, t->size, 1);
+    EXPECT_EQ(static_cast<SamplerCache*>(a)->Load(1202999), 0.5f);
+    EXPECT_EQ(static_cast<SamplerCache*>(b)->Load(1202999), -1.0f);
+    t->operations->HeapReset(t, a);
+    EXPECT_EQ(static_cast<SamplerCache*>(a)->CountSet(), 0);
+    t->operations->HeapDelete(t, a);
+    t->operations->HeapDelete(t, b);
     const DataType* s = GetDataType<BSDFCachedSample>();
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->size, 36);

@@ -1,10 +1,12 @@
 #pragma once
 // Template definitions of quorv/datatype.h; included by quorv/services.h, which they call.
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace quorv {
@@ -25,6 +27,28 @@ T* At(void* base, Int stride, Int i) {
 template <typename T>
 const T* At(const void* base, Int stride, Int i) {
     return reinterpret_cast<const T*>(static_cast<const char*>(base) + stride * i);
+}
+
+// Plain records this large (a table of a few megabytes) must never be copied whole onto the
+// stack: swapping and resetting them works in place.
+template <typename T>
+constexpr bool IS_LARGE_PLAIN = std::is_trivially_copyable_v<T> && sizeof(T) > 4096;
+
+template <typename T>
+void SwapValues(T& a, T& b) {
+    if constexpr (IS_LARGE_PLAIN<T>) {
+        char* x = reinterpret_cast<char*>(&a);
+        char* y = reinterpret_cast<char*>(&b);
+        char buffer[256];
+        for (size_t offset = 0; offset < sizeof(T); offset += sizeof(buffer)) {
+            const size_t n = std::min(sizeof(buffer), sizeof(T) - offset);
+            std::memcpy(buffer, x + offset, n);
+            std::memcpy(x + offset, y + offset, n);
+            std::memcpy(y + offset, buffer, n);
+        }
+    } else {
+        std::swap(a, b);
+    }
 }
 
 template <typename T, COMPARISON MODE>
@@ -48,7 +72,7 @@ struct Ops {
         }
     }
     static void Swap(void* a, void* b, Int s, Int n) {
-        for (Int i = 0; i < n; ++i) std::swap(*At<T>(a, s, i), *At<T>(b, s, i));
+        for (Int i = 0; i < n; ++i) SwapValues(*At<T>(a, s, i), *At<T>(b, s, i));
     }
     static void Fill(void* d, const void* v, Int s, Int n) {
         for (Int i = 0; i < n; ++i) *At<T>(d, s, i) = *static_cast<const T*>(v);
@@ -121,7 +145,14 @@ struct Ops {
     static Bool HeapIsEqual(const DataType* t, const void* a, const void* b) { return IsEqual(t, a, b); }
     static Int HeapCompare(const DataType* t, const void* a, const void* b) { return Compare(t, a, b); }
     static UInt HeapGetHashCode(const DataType* t, const void* a) { return GetHashCode(t, a); }
-    static void HeapReset(const DataType*, void* p) { *static_cast<T*>(p) = T(); }
+    static void HeapReset(const DataType*, void* p) {
+        if constexpr (IS_LARGE_PLAIN<T>) {
+            static_cast<T*>(p)->~T();
+            new (p) T();
+        } else {
+            *static_cast<T*>(p) = T();
+        }
+    }
     static Int GetSize(const DataType*) { return sizeof(T); }
     static Int GetAlignment(const DataType*) { return alignof(T); }
 
