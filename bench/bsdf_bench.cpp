@@ -63,7 +63,8 @@ const Inputs& GetInputs() {
 
 BSDFLegacyRef Create(const char* id, bool withCache) {
     const Inputs& in = GetInputs();
-    Result<ObjectRef> object = CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), LiteralId(id));
+    Result<ObjectRef> object =
+        CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), LiteralId(id));
     if (object.IsError()) Fail(id, object.GetErrorPointer());
     Result<BSDFLegacyRef> bsdf = BSDFLegacyRef::Cast(object.GetValue());
     if (bsdf.IsError()) Fail(id, bsdf.GetErrorPointer());
@@ -71,7 +72,8 @@ BSDFLegacyRef Create(const char* id, bool withCache) {
     if (created.IsError()) Fail("dictionary", created.GetErrorPointer());
     DataDictionary d = created.GetValue();
     Result<void> set = OK;
-    for (Int32 key : {BSDF_PARAM_ROUGHNESS, BSDF_PARAM_ORENNAYAR_ROUGHNESS, BSDF_PARAM_BLURRY_ROUGHNESS}) {
+    for (Int32 key :
+         {BSDF_PARAM_ROUGHNESS, BSDF_PARAM_ORENNAYAR_ROUGHNESS, BSDF_PARAM_BLURRY_ROUGHNESS}) {
         if (set.IsOk()) set = d.SetData(DataDictionaryKey(key), Data::Of(ROUGHNESS));
     }
     if (set.IsOk() && withCache) {
@@ -106,7 +108,8 @@ void BM_ComputeBSDF(benchmark::State& state, const char* id, bool withCache, boo
     const Inputs& in = GetInputs();
     const BSDFLegacyRef b = Create(id, withCache);
     const std::vector<Vector64>& wis = Transmits(id) ? in.wiBelow : in.wiAbove;
-    const Vector64 fixedWi = Transmits(id) ? Vector64{FIXED_WI.x, FIXED_WI.y, -FIXED_WI.z} : FIXED_WI;
+    const Vector64 fixedWi =
+        Transmits(id) ? Vector64{FIXED_WI.x, FIXED_WI.y, -FIXED_WI.z} : FIXED_WI;
     size_t i = 0;
     for (auto _ : state) {
         const Vector64& wo = fixed ? FIXED_WO : in.wo[i];
@@ -119,10 +122,9 @@ void BM_ComputeBSDF(benchmark::State& state, const char* id, bool withCache, boo
     }
 }
 
-const char* const CACHED[] = {BLURRYSIMPLE_BRDF_CLASS_ID, BECKMANN_BRDF_CLASS_ID,
-                              BECKMANN_BTDF_CLASS_ID,     GGX_BRDF_CLASS_ID,
-                              GGX_BTDF_CLASS_ID,          WARD_BRDF_CLASS_ID,
-                              WARD_BTDF_CLASS_ID};
+const char* const CACHED[] = {
+    BLURRYSIMPLE_BRDF_CLASS_ID, BECKMANN_BRDF_CLASS_ID, BECKMANN_BTDF_CLASS_ID, GGX_BRDF_CLASS_ID,
+    GGX_BTDF_CLASS_ID,          WARD_BRDF_CLASS_ID,     WARD_BTDF_CLASS_ID};
 
 // One benchmark per class, operation, cache and input, named e.g. "SampleF/ggxbrdf/cache/random".
 const bool g_registered = [] {
@@ -133,12 +135,12 @@ const bool g_registered = [] {
         for (bool withCache : {false, true}) {
             if (withCache && !cacheable) continue;
             for (bool fixed : {true, false}) {
-                const std::string suffix = name + (withCache ? "/cache" : "/nocache") +
-                                           (fixed ? "/fixed" : "/random");
+                const std::string suffix =
+                    name + (withCache ? "/cache" : "/nocache") + (fixed ? "/fixed" : "/random");
                 benchmark::RegisterBenchmark(("SampleF/" + suffix).c_str(), BM_SampleF, id,
                                              withCache, fixed);
-                benchmark::RegisterBenchmark(("ComputeBSDF/" + suffix).c_str(), BM_ComputeBSDF,
-                                             id, withCache, fixed);
+                benchmark::RegisterBenchmark(("ComputeBSDF/" + suffix).c_str(), BM_ComputeBSDF, id,
+                                             withCache, fixed);
             }
         }
     }

@@ -152,8 +152,8 @@ Color64 OrenNayarBRDFImpl::SampleF(const Vector64& wo, const Vector64&,
     return {v, v, v};
 }
 
-Color64 OrenNayarBRDFImpl::ComputeBSDF(const Vector64& wo, const Vector64& wiSide,
-                                       const Vector64&, Float64& pdf) const {
+Color64 OrenNayarBRDFImpl::ComputeBSDF(const Vector64& wo, const Vector64& wiSide, const Vector64&,
+                                       Float64& pdf) const {
     const Float64 z = std::fabs(wiSide.z);
     if (wo.z * wiSide.z > 0.0 && z >= 1e-10) {
         pdf = z / BSDF_PI;
@@ -420,8 +420,9 @@ const SimpleClass<OrenNayarBRDFImpl, I> g_orenNayar(g_unit, ORENNAYAR_BRDF_CLASS
                                                     BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
 const SimpleClass<BlurrySimpleBRDFImpl, I> g_blurrySimple(g_unit, BLURRYSIMPLE_BRDF_CLASS_ID,
                                                           BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
-const SimpleClass<BlurrySpecularBRDFImpl, I> g_blurrySpecular(
-    g_unit, BLURRYSPECULAR_BRDF_CLASS_ID, BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
+const SimpleClass<BlurrySpecularBRDFImpl, I> g_blurrySpecular(g_unit, BLURRYSPECULAR_BRDF_CLASS_ID,
+                                                              BSDF_LEGACY_CLASS_REGISTRY_ID,
+                                                              __FILE__);
 
 }  // namespace
 

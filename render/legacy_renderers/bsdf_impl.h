@@ -15,8 +15,7 @@ struct BSDFLegacyDefaults {
     Result<void> Init(const DataDictionary&, const void*) { return OK; }
     Result<void> Update(const void*, UInt32) { return OK; }
     Result<void> Reset() { return OK; }
-    Color64 ComputeF_UVW(const Vector64&, const Vector64&, const Vector64&,
-                         const Vector64&) const {
+    Color64 ComputeF_UVW(const Vector64&, const Vector64&, const Vector64&, const Vector64&) const {
         return {1.0, 1.0, 1.0};
     }
     Float64 ComputeAngle(const BSDFCachedSample&) const { return 0.0; }

@@ -48,23 +48,25 @@ constexpr const char* WARD_BTDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.war
 
 /// The registered classes, in registration order.
 constexpr const char* const BSDF_LEGACY_CLASS_IDS[] = {
-    LAMBERT_BRDF_CLASS_ID,  ORENNAYAR_BRDF_CLASS_ID, BLURRYSIMPLE_BRDF_CLASS_ID,
-    BLURRYSPECULAR_BRDF_CLASS_ID, BECKMANN_BRDF_CLASS_ID, BECKMANN_BTDF_CLASS_ID,
-    GGX_BRDF_CLASS_ID,      GGX_BTDF_CLASS_ID,       PHONG_BRDF_CLASS_ID,
-    PHONG_BTDF_CLASS_ID,    WARD_BRDF_CLASS_ID,      WARD_BTDF_CLASS_ID};
+    LAMBERT_BRDF_CLASS_ID,      ORENNAYAR_BRDF_CLASS_ID,
+    BLURRYSIMPLE_BRDF_CLASS_ID, BLURRYSPECULAR_BRDF_CLASS_ID,
+    BECKMANN_BRDF_CLASS_ID,     BECKMANN_BTDF_CLASS_ID,
+    GGX_BRDF_CLASS_ID,          GGX_BTDF_CLASS_ID,
+    PHONG_BRDF_CLASS_ID,        PHONG_BTDF_CLASS_ID,
+    WARD_BRDF_CLASS_ID,         WARD_BTDF_CLASS_ID};
 
 /// Integer keys of `Init`'s dictionary. A missing key gives the default and no error.
 /// `SamplerCachePointer` (microfacetdistributioncaches.h); default null: the analytic path.
 constexpr Int32 BSDF_PARAM_DISTRIBUTION_CACHE = 1000;
-constexpr Int32 BSDF_PARAM_ROUGHNESS = 1001;             ///< Float64, default 0.0
-constexpr Int32 BSDF_PARAM_ANISOTROPY = 1002;            ///< Float64, default 0.0
-constexpr Int32 BSDF_PARAM_ANISOTROPY_ANGLE = 1003;      ///< Float64, default 0.0
-constexpr Int32 BSDF_PARAM_ORENNAYAR_ROUGHNESS = 1004;   ///< Float64, default 0.0
-constexpr Int32 BSDF_PARAM_ORENNAYAR_SIMPLE = 1005;      ///< Bool, default false
-constexpr Int32 BSDF_PARAM_BLURRY_REFLECTED_LOBE = 1017; ///< Bool, default false
-constexpr Int32 BSDF_PARAM_BLURRY_ROUGHNESS = 1018;      ///< Float64, default -1.0
-constexpr Int32 BSDF_PARAM_BLURRY_FALLOFF_SHIFT = 1019;  ///< Float64, default 0.0
-constexpr Int32 BSDF_PARAM_BLURRY_FALLOFF_POWER = 1020;  ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_ROUGHNESS = 1001;              ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_ANISOTROPY = 1002;             ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_ANISOTROPY_ANGLE = 1003;       ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_ORENNAYAR_ROUGHNESS = 1004;    ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_ORENNAYAR_SIMPLE = 1005;       ///< Bool, default false
+constexpr Int32 BSDF_PARAM_BLURRY_REFLECTED_LOBE = 1017;  ///< Bool, default false
+constexpr Int32 BSDF_PARAM_BLURRY_ROUGHNESS = 1018;       ///< Float64, default -1.0
+constexpr Int32 BSDF_PARAM_BLURRY_FALLOFF_SHIFT = 1019;   ///< Float64, default 0.0
+constexpr Int32 BSDF_PARAM_BLURRY_FALLOFF_POWER = 1020;   ///< Float64, default 0.0
 
 /// Shared constants.
 constexpr Float64 BSDF_PI = 3.141592653589793;
@@ -76,13 +78,13 @@ constexpr Float64 BSDF_2PI = 6.283185307179586;
 /// One precomputed random sample ("net.quorv.render.bsdfcachedsample"), so that the per-sample
 /// path needs no sine, cosine or root of its own.
 struct BSDFCachedSample {
-    UInt32 count = 4;      ///< never read by a BSDF
-    Float32 u0 = 0.0f;     ///< first random number in [0, 1)
-    Float32 u1 = 0.0f;     ///< second
-    Float32 u2 = 0.0f;     ///< third
-    Float32 power = 0.0f;  ///< pow(1 - 0.999 * u1, 0.841), in double
-    Float32 sinPhi = 0.0f; ///< sin(u0 * 6.2831855) in single precision
-    Float32 cosPhi = 0.0f; ///< cos(u0 * 6.2831855) in single precision
+    UInt32 count = 4;         ///< never read by a BSDF
+    Float32 u0 = 0.0f;        ///< first random number in [0, 1)
+    Float32 u1 = 0.0f;        ///< second
+    Float32 u2 = 0.0f;        ///< third
+    Float32 power = 0.0f;     ///< pow(1 - 0.999 * u1, 0.841), in double
+    Float32 sinPhi = 0.0f;    ///< sin(u0 * 6.2831855) in single precision
+    Float32 cosPhi = 0.0f;    ///< cos(u0 * 6.2831855) in single precision
     Float32 cosTheta = 0.0f;  ///< sqrt(u1): cosine-weighted hemisphere
     Float32 sinTheta = 0.0f;  ///< sqrt(1 - u1)
 };

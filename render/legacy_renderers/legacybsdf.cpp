@@ -267,8 +267,7 @@ Color64 MicrofacetBSDFImpl<D, TRANSMIT>::ComputeBSDF(const Vector64& wo, const V
 }
 
 template <MICROFACET D, bool TRANSMIT>
-Float64 MicrofacetBSDFImpl<D, TRANSMIT>::PdfIndirect(const Vector64& wo,
-                                                     const Vector64& wi) const {
+Float64 MicrofacetBSDFImpl<D, TRANSMIT>::PdfIndirect(const Vector64& wo, const Vector64& wi) const {
     const Float64 c = wo.z * wi.z;
     if (std::fabs(c) < 1e-16 || !(c > 0.0)) return 0.0;
     const Vector64 sum = Add(wo, wi);

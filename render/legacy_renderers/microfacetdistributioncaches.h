@@ -27,7 +27,7 @@ struct SamplerCache {
     static constexpr Int VALUE_ROW = 2000;
     static constexpr Int INVERSE_ROW = 1000;
     static constexpr Int ROWS = 401;
-    static constexpr Int INVERSE_OFFSET = ROWS * VALUE_ROW;                   ///< 802,000
+    static constexpr Int INVERSE_OFFSET = ROWS * VALUE_ROW;                  ///< 802,000
     static constexpr Int ENTRY_COUNT = INVERSE_OFFSET + ROWS * INVERSE_ROW;  ///< 1,203,000
     static constexpr Float32 UNSET = -1.0f;
 
@@ -45,7 +45,8 @@ struct SamplerCache {
     }
     /// Relaxed atomic write of entry `i`.
     void Store(Int i, Float32 v) const {
-        std::atomic_ref<Float32>(const_cast<Float32&>(entries[i])).store(v, std::memory_order_relaxed);
+        std::atomic_ref<Float32>(const_cast<Float32&>(entries[i]))
+            .store(v, std::memory_order_relaxed);
     }
     /// The number of set entries (tests and diagnostics).
     Int CountSet() const {

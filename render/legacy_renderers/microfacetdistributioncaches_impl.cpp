@@ -1,5 +1,6 @@
 // MicrofacetDistributionCachesImpl: four SamplerCache records in one counted block, supplied
-// to every binary as the static interface "net.quorv.render.interface.microfacetdistributioncaches".
+// to every binary as the static interface
+// "net.quorv.render.interface.microfacetdistributioncaches".
 #include <cstring>
 #include <new>
 

@@ -45,8 +45,7 @@ DataDictionary Params(std::initializer_list<Param> values, SamplerCache* cache =
 }
 
 BSDFLegacyRef Make(const char* id, const DataDictionary& params = DataDictionary()) {
-    Result<ObjectRef> o =
-        CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), LiteralId(id));
+    Result<ObjectRef> o = CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), LiteralId(id));
     EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
     Result<BSDFLegacyRef> b = BSDFLegacyRef::Cast(o.GetValue());
     EXPECT_TRUE(b.IsOk()) << ErrorToString(b.GetErrorPointer());
@@ -71,18 +70,18 @@ Float64 RelativeError(Float64 a, Float64 b) {
     return scale == 0.0 ? 0.0 : std::fabs(a - b) / scale;
 }
 
-const char* const SAMPLED[] = {LAMBERT_BRDF_CLASS_ID, ORENNAYAR_BRDF_CLASS_ID,
-                               BECKMANN_BRDF_CLASS_ID, BECKMANN_BTDF_CLASS_ID,
-                               GGX_BRDF_CLASS_ID,     GGX_BTDF_CLASS_ID,
-                               PHONG_BRDF_CLASS_ID,   PHONG_BTDF_CLASS_ID,
-                               WARD_BRDF_CLASS_ID,    WARD_BTDF_CLASS_ID};
+const char* const SAMPLED[] = {
+    LAMBERT_BRDF_CLASS_ID, ORENNAYAR_BRDF_CLASS_ID, BECKMANN_BRDF_CLASS_ID, BECKMANN_BTDF_CLASS_ID,
+    GGX_BRDF_CLASS_ID,     GGX_BTDF_CLASS_ID,       PHONG_BRDF_CLASS_ID,    PHONG_BTDF_CLASS_ID,
+    WARD_BRDF_CLASS_ID,    WARD_BTDF_CLASS_ID};
 const char* const CACHED[] = {BECKMANN_BRDF_CLASS_ID, BECKMANN_BTDF_CLASS_ID, GGX_BRDF_CLASS_ID,
                               GGX_BTDF_CLASS_ID,      WARD_BRDF_CLASS_ID,     WARD_BTDF_CLASS_ID};
 const char* const TRANSMITTING[] = {BECKMANN_BTDF_CLASS_ID, GGX_BTDF_CLASS_ID, PHONG_BTDF_CLASS_ID,
                                     WARD_BTDF_CLASS_ID};
 
 bool IsTransmitting(const char* id) {
-    return std::find(std::begin(TRANSMITTING), std::end(TRANSMITTING), id) != std::end(TRANSMITTING);
+    return std::find(std::begin(TRANSMITTING), std::end(TRANSMITTING), id) !=
+           std::end(TRANSMITTING);
 }
 
 // ---- interface, registry, shared pieces -----------------------------------------------------
@@ -90,10 +89,17 @@ bool IsTransmitting(const char* id) {
 TEST(BSDFLegacy, InterfaceHasElevenOperationsInOrderAndTwelveClassesAreRegistered) {
     const InterfaceRecord& r = BSDFLegacyInterface::Record();
     EXPECT_EQ(r.id, LiteralId("net.quorv.render.interface.bsdflegacy"));
-    const char* const names[] = {"Init",         "Update",       "Reset",
-                                 "SampleF",      "ComputeBSDF",  "ComputeF_UVW",
-                                 "ComputeAngle", "PdfIndirect",  "ComputeMIPAngle",
-                                 "ComputeBSDFFrame", "GeneratePreviewImage"};
+    const char* const names[] = {"Init",
+                                 "Update",
+                                 "Reset",
+                                 "SampleF",
+                                 "ComputeBSDF",
+                                 "ComputeF_UVW",
+                                 "ComputeAngle",
+                                 "PdfIndirect",
+                                 "ComputeMIPAngle",
+                                 "ComputeBSDFFrame",
+                                 "GeneratePreviewImage"};
     ASSERT_EQ(r.methodCount, 11);
     const char* p = r.methodNames;
     for (const char* name : names) {
@@ -218,9 +224,9 @@ TEST(BSDFDiffuse, OrenNayarAtRoughnessZeroIsLambertInBothModes) {
     BSDFLegacyRef lambert = Make(LAMBERT_BRDF_CLASS_ID);
     for (Float64 simple : {0.0, 1.0}) {
         DataDictionary d = Params({{BSDF_PARAM_ORENNAYAR_ROUGHNESS, 0.0}});
-        ASSERT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_ORENNAYAR_SIMPLE),
-                              Data::Of<Bool>(simple != 0.0))
-                        .IsOk());
+        ASSERT_TRUE(
+            d.SetData(DataDictionaryKey(BSDF_PARAM_ORENNAYAR_SIMPLE), Data::Of<Bool>(simple != 0.0))
+                .IsOk());
         BSDFLegacyRef on = Make(ORENNAYAR_BRDF_CLASS_ID, d);
         for (const BSDFCachedSample& s : Samples(200)) {
             Vector64 wiA{9, 9, 9}, wiB{9, 9, 9};
@@ -241,7 +247,8 @@ TEST(BSDFDiffuse, OrenNayarAtRoughnessZeroIsLambertInBothModes) {
 TEST(BSDFDiffuse, OrenNayarFieldsAndValues) {
     OrenNayarBRDFImpl on;
     DataDictionary d = Params({{BSDF_PARAM_ORENNAYAR_ROUGHNESS, 0.5}});
-    ASSERT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_ORENNAYAR_SIMPLE), Data::Of<Bool>(true)).IsOk());
+    ASSERT_TRUE(
+        d.SetData(DataDictionaryKey(BSDF_PARAM_ORENNAYAR_SIMPLE), Data::Of<Bool>(true)).IsOk());
     ASSERT_TRUE(on.Init(d, nullptr).IsOk());
     EXPECT_EQ(on.sigma2, 0.25);
     EXPECT_EQ(on.a, 1.0 - 0.25 / (2.0 * (0.25 + 0.33)));
@@ -347,7 +354,8 @@ TEST(BSDFBlurry, BlurrySpecularScalesAndCut) {
     EXPECT_NEAR(f.r, fullLobe / wi.z, 1e-10);
     // Reflected-lobe mode: c at or below cut gives zero.
     DataDictionary d = Params({{BSDF_PARAM_BLURRY_ROUGHNESS, 0.5}});
-    ASSERT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_BLURRY_REFLECTED_LOBE), Data::Of<Bool>(true)).IsOk());
+    ASSERT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_BLURRY_REFLECTED_LOBE), Data::Of<Bool>(true))
+                    .IsOk());
     ASSERT_TRUE(impl.Init(d, nullptr).IsOk());
     EXPECT_TRUE(impl.reflectedLobe);
     wo = Dir(0.2, 0.0);
@@ -378,7 +386,8 @@ TEST(BSDFBlurry, BlurrySpecularScalesAndCut) {
 }
 
 TEST(BSDFBlurry, BlurrySpecularSampleHasTheRatioButNotTheNumbersOfTheMicrofacetFrame) {
-    BSDFLegacyRef b = Make(BLURRYSPECULAR_BRDF_CLASS_ID, Params({{BSDF_PARAM_BLURRY_ROUGHNESS, 0.5}}));
+    BSDFLegacyRef b =
+        Make(BLURRYSPECULAR_BRDF_CLASS_ID, Params({{BSDF_PARAM_BLURRY_ROUGHNESS, 0.5}}));
     const Float64 e = 2.0 / (0.125 + 0.0001);
     Int accepted = 0;
     for (const BSDFCachedSample& s : Samples(300)) {
@@ -487,10 +496,10 @@ TEST(BSDFMicrofacet, GGXAtRoughnessOneHasTheConstantDistribution) {
 
 TEST(BSDFMicrofacet, ReflectionsAreZeroAcrossTheSurface) {
     const Vector64 below{0.3, -0.2, -0.932737905308881};
-    const char* const reflecting[] = {LAMBERT_BRDF_CLASS_ID,  ORENNAYAR_BRDF_CLASS_ID,
-                                      BLURRYSPECULAR_BRDF_CLASS_ID, BECKMANN_BRDF_CLASS_ID,
-                                      GGX_BRDF_CLASS_ID,      PHONG_BRDF_CLASS_ID,
-                                      WARD_BRDF_CLASS_ID};
+    const char* const reflecting[] = {
+        LAMBERT_BRDF_CLASS_ID,  ORENNAYAR_BRDF_CLASS_ID, BLURRYSPECULAR_BRDF_CLASS_ID,
+        BECKMANN_BRDF_CLASS_ID, GGX_BRDF_CLASS_ID,       PHONG_BRDF_CLASS_ID,
+        WARD_BRDF_CLASS_ID};
     for (const char* id : reflecting) {
         BSDFLegacyRef b = Make(id, Params({{BSDF_PARAM_ROUGHNESS, 0.5},
                                            {BSDF_PARAM_BLURRY_ROUGHNESS, 0.5},
@@ -635,10 +644,12 @@ TEST(BSDFMicrofacet, CachedPathsDifferOnlyByInterpolationAndAgreeAtThePeak) {
             Float64 pa, pc;
             const Float64 fa = plain.ComputeBSDF(wo, wi, wi, pa).r;
             const Float64 fc = cached.ComputeBSDF(wo, wi, wi, pc).r;
-            const Vector64 sum = IsTransmitting(id)
-                                     ? Vector64{wo.x + 1.5 * wi.x, wo.y + 1.5 * wi.y, wo.z + 1.5 * wi.z}
-                                     : Vector64{wo.x + wi.x, wo.y + wi.y, wo.z + wi.z};
-            const Float64 hz = std::fabs(sum.z) / std::sqrt(sum.x * sum.x + sum.y * sum.y + sum.z * sum.z);
+            const Vector64 sum =
+                IsTransmitting(id)
+                    ? Vector64{wo.x + 1.5 * wi.x, wo.y + 1.5 * wi.y, wo.z + 1.5 * wi.z}
+                    : Vector64{wo.x + wi.x, wo.y + wi.y, wo.z + wi.z};
+            const Float64 hz =
+                std::fabs(sum.z) / std::sqrt(sum.x * sum.x + sum.y * sum.y + sum.z * sum.z);
             if (hz >= 0.999) {
                 ++peak;
                 EXPECT_EQ(fa, fc) << id;
@@ -755,8 +766,8 @@ void ExpectSamplesFollowPdf(const BSDFLegacyRef& b, const Vector64& wo, const ch
 TEST(BSDFDistribution, SampledDirectionsFollowThePdfWhereItIsTheTrueDensity) {
     ExpectSamplesFollowPdf(Make(LAMBERT_BRDF_CLASS_ID), FIXED_WO, "lambert");
     ExpectSamplesFollowPdf(
-        Make(ORENNAYAR_BRDF_CLASS_ID, Params({{BSDF_PARAM_ORENNAYAR_ROUGHNESS, 0.8}})), Dir(1.0, 0.5),
-        "orennayar");
+        Make(ORENNAYAR_BRDF_CLASS_ID, Params({{BSDF_PARAM_ORENNAYAR_ROUGHNESS, 0.8}})),
+        Dir(1.0, 0.5), "orennayar");
     ExpectSamplesFollowPdf(Make(PHONG_BRDF_CLASS_ID, Params({{BSDF_PARAM_ROUGHNESS, 0.6}})),
                            Dir(0.8, 0.3), "phong");
     ExpectSamplesFollowPdf(Make(WARD_BRDF_CLASS_ID, Params({{BSDF_PARAM_ROUGHNESS, 0.6}})),
@@ -824,11 +835,13 @@ TEST(SamplerCacheTable, RegionsAtPointNineAndJustBelow) {
     EXPECT_EQ(SamplerCacheLookup(*cache, rowD, 5e-17, value, SamplerCacheLerp), 0.0);
     EXPECT_EQ(cache->CountSet(), 4);
     // The grid point 0 stores 0.0 without calling the function.
-    r = SamplerCacheLookup(*cache, rowD, 0.0005, [](Float64) { return 99.0; }, SamplerCacheLerp);
+    r = SamplerCacheLookup(
+        *cache, rowD, 0.0005, [](Float64) { return 99.0; }, SamplerCacheLerp);
     EXPECT_EQ(cache->Load(rowD + 1000), 0.0f);
     EXPECT_EQ(cache->Load(rowD + 1001), 99.0f);
     // An entry once set is a cache of the first writer: another function reads it back.
-    r = SamplerCacheLookup(*cache, rowD, 0.9, [](Float64) { return -5.0; }, SamplerCacheLerp);
+    r = SamplerCacheLookup(
+        *cache, rowD, 0.9, [](Float64) { return -5.0; }, SamplerCacheLerp);
     EXPECT_EQ(r, static_cast<Float64>(static_cast<Float32>(0.81)));
     // The top of the row: k = 999 and j clamped to 999, one entry.
     const Int before = cache->CountSet();
@@ -861,7 +874,8 @@ TEST(SamplerCacheTable, FirstLookupThroughAClassFillsTwoEntriesAndInverseTwoMore
 
 TEST(SamplerCacheTable, ConcurrentFillingGivesTheSameValues) {
     auto cache = std::make_unique<SamplerCache>();
-    BSDFLegacyRef b = Make(BECKMANN_BRDF_CLASS_ID, Params({{BSDF_PARAM_ROUGHNESS, 0.4}}, cache.get()));
+    BSDFLegacyRef b =
+        Make(BECKMANN_BRDF_CLASS_ID, Params({{BSDF_PARAM_ROUGHNESS, 0.4}}, cache.get()));
     const std::vector<BSDFCachedSample> samples = Samples(4000);
     std::vector<Float64> serial(samples.size());
     auto fill = [&](std::vector<Float64>& out) {

@@ -18,7 +18,8 @@ namespace quorv::cli {
 
 namespace {
 
-const char* const BSDF_EVAL_HELP = R"(Reads JSON lines on stdin, one operation each, and writes one JSON line per input.
+const char* const BSDF_EVAL_HELP =
+    R"(Reads JSON lines on stdin, one operation each, and writes one JSON line per input.
 Numbers round-trip exactly; non-finite numbers are the strings "inf", "-inf", "nan". A bad line
 gives {"error": "..."} on its line and the run goes on. Vectors are [x, y, z] in the local
 frame (+z the normal). Colours are [r, g, b].
@@ -119,9 +120,11 @@ bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out
     }
     *out = MakeBSDFCachedSample(static_cast<Float32>(u[0]), static_cast<Float32>(u[1]),
                                 static_cast<Float32>(u[2]));
-    std::pair<const char*, Float32*> derived[] = {
-        {"power", &out->power},       {"sinPhi", &out->sinPhi},     {"cosPhi", &out->cosPhi},
-        {"cosTheta", &out->cosTheta}, {"sinTheta", &out->sinTheta}};
+    std::pair<const char*, Float32*> derived[] = {{"power", &out->power},
+                                                  {"sinPhi", &out->sinPhi},
+                                                  {"cosPhi", &out->cosPhi},
+                                                  {"cosTheta", &out->cosTheta},
+                                                  {"sinTheta", &out->sinTheta}};
     for (auto& [name, field] : derived) {
         if (!j.contains(name)) continue;
         Float64 v;
@@ -133,7 +136,7 @@ bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out
         out->count = j["count"].get<UInt32>();
     }
     for (auto& [k, v] : j.items()) {
-        static const char* const known[] = {"u0",     "u1",     "u2",       "power", "sinPhi",
+        static const char* const known[] = {"u0",     "u1",       "u2",       "power", "sinPhi",
                                             "cosPhi", "cosTheta", "sinTheta", "count"};
         if (std::none_of(std::begin(known), std::end(known), [&](const char* n) { return k == n; }))
             return false;
@@ -177,7 +180,8 @@ Result<DataDictionary> BuildBSDFParameters(const std::vector<std::pair<std::stri
             return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
                              "The module does not register the sampler cache pointer type");
         }
-        QUORV_RETURN_IF_ERROR(dict.SetData(DataDictionaryKey(BSDF_PARAM_DISTRIBUTION_CACHE), handle));
+        QUORV_RETURN_IF_ERROR(
+            dict.SetData(DataDictionaryKey(BSDF_PARAM_DISTRIBUTION_CACHE), handle));
     }
     return dict;
 }
@@ -244,7 +248,8 @@ Json Evaluate(Session& session, const Json& line) {
         const char* names[3] = {"fast", "world", "useGivenFrame"};
         for (int i = 0; i < 3; ++i) {
             if (!line.contains(names[i])) continue;
-            if (!line[names[i]].is_boolean()) return ErrorJson(std::string("bad \"") + names[i] + "\"");
+            if (!line[names[i]].is_boolean())
+                return ErrorJson(std::string("bad \"") + names[i] + "\"");
             flags[i] = line[names[i]].get<bool>();
         }
         const BSDFFrame f = b.ComputeBSDFFrame(n, u, v, position, flags[0], flags[1], flags[2]);
@@ -255,7 +260,8 @@ Json Evaluate(Session& session, const Json& line) {
         if (line.contains("params")) {
             const Json& given = line["params"];
             if (!given.is_object()) return ErrorJson("\"params\" must be an object");
-            for (auto it = given.begin(); it != given.end(); ++it) params.emplace_back(it.key(), it.value());
+            for (auto it = given.begin(); it != given.end(); ++it)
+                params.emplace_back(it.key(), it.value());
         }
         Result<DataDictionary> dict = BuildBSDFParameters(params, session.cache.get());
         if (dict.IsError()) return ErrorJson(ErrorToString(dict.GetErrorPointer()));
@@ -266,7 +272,9 @@ Json Evaluate(Session& session, const Json& line) {
     return ErrorJson("unknown op \"" + op + "\"");
 }
 
-void PrintError(const ErrorObject* e) { std::fprintf(stderr, "quorv: %s\n", ErrorToString(e).c_str()); }
+void PrintError(const ErrorObject* e) {
+    std::fprintf(stderr, "quorv: %s\n", ErrorToString(e).c_str());
+}
 
 // Creates the class, and Inits it with the --param values (and a fresh cache with --cache).
 bool OpenSession(const BSDFOptions& o, Session& session) {
@@ -408,7 +416,8 @@ void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<i
     list->callback([&options, &run] { run = [&options] { return RunList(options); }; });
 
     auto addCommon = [](CLI::App* c) {
-        c->add_option("--class", o.classId, "Class id, e.g. net.quorv.render.bsdflegacyclass.ggxbrdf")
+        c->add_option("--class", o.classId,
+                      "Class id, e.g. net.quorv.render.bsdflegacyclass.ggxbrdf")
             ->required();
         c->add_option("--param", o.params,
                       "Init parameter KEY=VALUE, KEY an integer key or its name (repeatable)");
