@@ -110,7 +110,7 @@ Result<void> Bounce(const IesImpl* ies, Scene& scene) {
     auto body = [&](Int from, Int to, Sums& sums) -> Result<void> {
         for (Int v = from; v < to; ++v) {
             const Float32 e = scene.direct[v];
-            if (!(e > 0.001f)) continue;
+            if (!(static_cast<Float64>(e) > 0.001)) continue;
             const Int sw = v / WALL_VERTICES;
             const Int sx = v % GRID;
             const Int sy = (v % WALL_VERTICES) / GRID;

@@ -199,6 +199,18 @@ std::string WebWithCount(Int nV) {
     return t.str();
 }
 
+// A second Init on one object searches its maximum from the old one, so a smaller web keeps
+// the larger maximum; callers use a fresh object per file.
+TEST(IesReader, SecondInitKeepsOldMaximum) {
+    Web w;
+    ASSERT_TRUE(LoadFile(w.p, Own("sym_full.ies")).IsOk());
+    EXPECT_EQ(w->_dataMax, 400.0);
+    ASSERT_TRUE(LoadFile(w.p, Own("v2002.ies")).IsOk());
+    EXPECT_EQ(w->_dataMax, 400.0);
+    EXPECT_EQ(Values(w->_data), (std::vector<Float64>{100, 50, 0}));
+    EXPECT_NEAR(ies::ComputeLightIntensity(w.p, Direction(45, 0)), 0.125, 1e-9);
+}
+
 TEST(IesReader, AngleCountLimit) {
     Web ok;
     ASSERT_TRUE(LoadText(ok.p, WebWithCount(1024)).IsOk());
@@ -401,7 +413,11 @@ TEST(IesChecksum, ContentAndIdentity) {
     EXPECT_NE(ies::Compare(a.p, b.p), 0);
     EXPECT_EQ(ies::Compare(a.p, a.p), 0);
     EXPECT_EQ(ies::Compare(a.p, b.p), -ies::Compare(b.p, a.p));
+    host::ClearCriticalLogEntries();
     EXPECT_EQ(ies::GetHashCode(a.p), 0u);
+    std::vector<std::string> log = host::GetCriticalLogCopy();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0], "Stop: GetHashCode not defined.");
     // Only keywords differ: the same checksum.
     Web lamp, cat;
     ASSERT_TRUE(LoadFile(lamp.p, Own("lamp_twice.ies")).IsOk());
