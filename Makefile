@@ -53,7 +53,7 @@ fuzz: deps
 	mkdir -p $(FUZZ_BUILD)/corpus
 	$(FUZZ_BUILD)/bin/ies_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=65536 -timeout=20 \
 	    -rss_limit_mb=2048 -print_final_stats=1 $(FUZZ_BUILD)/corpus fuzz/regressions \
-	    tests/data/ies data/ies
+	    tests/data/ies data/ies $(wildcard ../shared/testdata/ies)
 
 clean:
 	rm -rf build
