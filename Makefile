@@ -40,6 +40,7 @@ bench:
 	$(MAKE) build PRESET=release
 	build/release/bin/bench_frame
 	build/release/bin/bench_bsdf
+	build/release/bin/bench_ies
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.
