@@ -18,10 +18,10 @@ void NoDestroy(void*) {}
 
 StaticError g_outOfMemory{{nullptr, &NoDestroy, 0, UInt(1) << 60},
                           {ERRORKIND::OUTOFMEMORY, LiteralId("net.quorv.error.outofmemory"),
-                           nullptr, {"result.cpp", 0}}};
+                           nullptr, {"result.cpp", 0}, nullptr}};
 StaticError g_unresolved{{nullptr, &NoDestroy, 0, UInt(1) << 60},
                          {ERRORKIND::UNRESOLVED, LiteralId("net.quorv.error.unresolved"),
-                          nullptr, {"result.cpp", 0}}};
+                          nullptr, {"result.cpp", 0}, nullptr}};
 
 // Used when the host offers no block destroyer.
 void DestroyError(void* object) { SystemInterface::Free(HeaderOf(object)); }
@@ -35,13 +35,14 @@ char* Put(char*& out, std::string_view text) {
     return start;
 }
 
-// One block holds header, record, message, id and file name, and the host frees it: an error
-// stays readable after the module that made it is unloaded.
-Error Build(ERRORKIND kind, const char* id, const SourceLocation& loc, std::string_view message) {
+// One block holds header, record, message, id, file name and subject, and the host frees it:
+// an error stays readable after the module that made it is unloaded.
+Error Build(ERRORKIND kind, const char* id, const SourceLocation& loc, std::string_view message,
+            std::string_view subject = {}) {
     std::string_view idText(id);
     std::string_view file(loc.file ? loc.file : "");
     Int bytes = static_cast<Int>(sizeof(ObjectHeader) + sizeof(ErrorObject) + message.size() +
-                                 idText.size() + file.size() + 3);
+                                 idText.size() + file.size() + subject.size() + 4);
     void* block = SystemInterface::Alloc(bytes, loc);
     if (!block) {
         if (kind == ERRORKIND::UNRESOLVED) return Error(&g_unresolved.error);
@@ -55,9 +56,11 @@ Error Build(ERRORKIND kind, const char* id, const SourceLocation& loc, std::stri
     char* text = Put(out, message);
     const char* idCopy = Put(out, idText);
     const char* fileCopy = Put(out, file);
+    const char* subjectCopy = Put(out, subject);
     *e = ErrorObject{kind, LiteralId(idCopy, LiteralIdWord(idText)),
                      message.empty() ? nullptr : text,
-                     SourceLocation{loc.file ? fileCopy : nullptr, loc.line}};
+                     SourceLocation{loc.file ? fileCopy : nullptr, loc.line},
+                     subject.empty() ? nullptr : subjectCopy};
     Error result = Error::Adopt(e);
     SystemInterface::SetCurrentError(e);
     return result;
@@ -97,8 +100,9 @@ Error MakeError(ERRORKIND kind, const SourceLocation& loc, std::string_view mess
     return Build(kind, ErrorKindId(kind), loc, message);
 }
 
-Error MakeErrorWithId(const char* id, const SourceLocation& loc, std::string_view message) {
-    return Build(ERRORKIND::OTHER, id, loc, message);
+Error MakeErrorWithId(const char* id, const SourceLocation& loc, std::string_view message,
+                      std::string_view subject) {
+    return Build(ERRORKIND::OTHER, id, loc, message, subject);
 }
 
 Error OutOfMemoryError() {
@@ -112,6 +116,10 @@ std::string ErrorToString(const ErrorObject* e) {
     if (e->message) {
         s += ": ";
         s += e->message;
+    }
+    if (e->subject) {
+        s += ", in ";
+        s += e->subject;
     }
     if (e->location.file) {
         const char* f = std::strrchr(e->location.file, '/');

@@ -12,6 +12,7 @@
 #include "quorv/entity.h"
 #include "quorv/lexer.h"
 #include "quorv/stringconversion.h"
+#include "quorv/url.h"
 
 namespace quorv::ies {
 
@@ -76,8 +77,9 @@ std::string_view Trim(std::string_view s) {
     return s;
 }
 
-Error FileError(std::string_view message) {
-    return MakeErrorWithId("net.quorv.error.fileformat", QUORV_SOURCE_LOCATION, message);
+// A format error of the reader names the file it read.
+Error FileError(std::string_view message, std::string_view url) {
+    return MakeErrorWithId("net.quorv.error.fileformat", QUORV_SOURCE_LOCATION, message, url);
 }
 
 template <typename T>
@@ -141,7 +143,8 @@ ShapeAndSize DeriveShape(Float64 w, Float64 l, Float64 h) {
 
 class Reader {
 public:
-    Reader(IesImpl& ies, LexerObject* lexer) : _ies(ies), _lexer(lexer) {}
+    Reader(IesImpl& ies, LexerObject* lexer, std::string url)
+        : _ies(ies), _lexer(lexer), _url(std::move(url)) {}
 
     Result<void> Run() {
         QUORV_RETURN_IF_ERROR(ReadHeader());
@@ -155,7 +158,7 @@ private:
         for (;;) {
             LEXERSYMBOL symbol = LexerInterface::GetSymbol(_lexer);
             if (symbol != LEXERSYMBOL::IDENTIFIER && symbol != LEXERSYMBOL::SQUAREBRACKET_OPEN) {
-                if (symbol == LEXERSYMBOL::ENDOFFILE) return FileError("IES Header incomplete");
+                if (symbol == LEXERSYMBOL::ENDOFFILE) return FileError("IES Header incomplete", _url);
                 QUORV_RETURN_IF_ERROR(
                     LexerInterface::ReadNextSymbol(_lexer, LEXERSYMBOLFLAGS::NO_NUMBER));
                 continue;
@@ -242,7 +245,7 @@ private:
         if (ballastLamp < 0.0001) ballastLamp = 1.0;
 
         if (nV > 1024 || nH > 1024 || nV < 0 || nH < 0) {
-            return FileError("IES: Incorrect number or angles");
+            return FileError("IES: Incorrect number or angles", _url);
         }
         QUORV_RETURN_IF_ERROR(_ies._anglesVertical.Resize(nV));
         QUORV_RETURN_IF_ERROR(_ies._anglesHorizontal.Resize(nH));
@@ -286,7 +289,8 @@ private:
 
     Error LineError() const {
         return FileError(FormatMessage("IES file error in line @",
-                                       {std::to_string(LexerInterface::GetLine(_lexer))}));
+                                       {std::to_string(LexerInterface::GetLine(_lexer))}),
+                         _url);
     }
 
     Result<void> NextNumber() {
@@ -316,11 +320,12 @@ private:
 
     IesImpl& _ies;
     LexerObject* _lexer;
+    std::string _url;
     bool _tiltInclude = false;
 };
 
 template <typename InitLexer>
-Result<void> Read(IesImpl* ies, InitLexer&& initLexer) {
+Result<void> Read(IesImpl* ies, std::string url, InitLexer&& initLexer) {
     if (!ies) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No IES object");
     QUORV_RETURN_IF_ERROR(SetProperty(*ies, IesPropertyVersion, IESVERSION::V1986));
     QUORV_RETURN_IF_ERROR(SetProperty(*ies, IesPropertyTilt, IESTILT::UNKNOWN));
@@ -328,7 +333,7 @@ Result<void> Read(IesImpl* ies, InitLexer&& initLexer) {
     holder.lexer = LexerInterface::Alloc(QUORV_SOURCE_LOCATION);
     if (!holder.lexer) return MakeError(ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION);
     QUORV_RETURN_IF_ERROR(initLexer(holder.lexer));
-    return Reader(*ies, holder.lexer).Run();
+    return Reader(*ies, holder.lexer, std::move(url)).Run();
 }
 
 // ---- writer -----------------------------------------------------------------------------------
@@ -526,13 +531,13 @@ IesImpl* AllocCopy(const IesImpl* source, const SourceLocation& loc) {
 
 Result<void> Init(IesImpl* ies, const UrlObject* url) {
     if (!url) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No url");
-    return Read(ies, [&](LexerObject* lexer) {
+    return Read(ies, Url(url).ToText(), [&](LexerObject* lexer) {
         return LexerInterface::Init(lexer, url, LEXERINITFLAGS::NONE, nullptr, STRINGDECODING_BIT8);
     });
 }
 
 Result<void> InitFromText(IesImpl* ies, const char* text, Int length) {
-    return Read(ies, [&](LexerObject* lexer) {
+    return Read(ies, "text in memory", [&](LexerObject* lexer) {
         return LexerInterface::InitText(lexer, text, length, LEXERINITFLAGS::NONE, nullptr,
                                         STRINGDECODING_BIT8);
     });

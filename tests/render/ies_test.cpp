@@ -128,6 +128,9 @@ TEST(IesReader, TiltLines) {
         ASSERT_TRUE(r.IsError()) << b.file;
         EXPECT_EQ(MessageOf(r), b.message) << b.file;
         EXPECT_EQ(r.GetErrorPointer()->id.View(), "net.quorv.error.fileformat");
+        ASSERT_NE(r.GetErrorPointer()->subject, nullptr) << b.file;
+        EXPECT_TRUE(std::string_view(r.GetErrorPointer()->subject).ends_with(b.file))
+            << r.GetErrorPointer()->subject;
         EXPECT_EQ(ies::GetChecksum(w.p), 0u) << "no checksum after a failure";
     }
 }

@@ -35,6 +35,7 @@ struct ErrorObject {
     LiteralId id;             ///< "net.quorv.error.illegalargument", "net.quorv.error.io", ...
     char* message;            ///< formatted text, owned; may be null (no message)
     SourceLocation location;  ///< where the error was made
+    const char* subject;      ///< the file or object the error concerns (a url); may be null
 };
 
 using Error = Ref<ErrorObject>;
@@ -45,12 +46,14 @@ std::string FormatMessage(std::string_view pattern, std::initializer_list<std::s
 /// Creates an error of a built-in kind and makes it the thread's current error. Out of memory
 /// gives the process-wide out-of-memory error. Never fails.
 Error MakeError(ERRORKIND kind, const SourceLocation& loc, std::string_view message = {});
-/// Creates an error of another class ("net.quorv.error.io" ...), whose id text must be static.
-Error MakeErrorWithId(const char* id, const SourceLocation& loc, std::string_view message = {});
+/// Creates an error of another class ("net.quorv.error.io" ...), naming what it concerns
+/// (a url text) when `subject` is given.
+Error MakeErrorWithId(const char* id, const SourceLocation& loc, std::string_view message = {},
+                      std::string_view subject = {});
 /// The shared out-of-memory error, which needs no memory of its own.
 Error OutOfMemoryError();
 
-/// "id: message (file:line)", the readable form of an error.
+/// "id: message, in subject (file:line)", the readable form of an error.
 std::string ErrorToString(const ErrorObject* e);
 
 /// Marker for returning success from a `Result<void>` function.
