@@ -44,9 +44,9 @@ Result<void> WriteImage(const std::string& path, Int width, Int height, Int chan
             return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
                                    FormatMessage("Cannot write @: @", {path, OIIO::geterror()}));
         }
-        OIIO::ImageSpec spec(static_cast<int>(width), static_cast<int>(height), static_cast<int>(channels),
+        OIIO::ImageSpec layout(static_cast<int>(width), static_cast<int>(height), static_cast<int>(channels),
                              png ? OIIO::TypeDesc::UINT8 : OIIO::TypeDesc::FLOAT);
-        if (!out->open(path, spec)) {
+        if (!out->open(path, layout)) {
             return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
                                    FormatMessage("Cannot write @: @", {path, out->geterror()}));
         }

@@ -37,26 +37,13 @@ constexpr EnumValue QUADRANT_VALUES[] = {
 // the two references null in the copy, and the table's copy operations use it.
 template <typename T>
 void DefineRecordType(DataTypeRecord& record, const char* typeName) {
-    DefineDataType(record, LiteralId(DataTypeIdOf<T>::id), g_unit, __FILE__, 0);
-    record.typeName = typeName;
-    record.size = sizeof(T);
-    record.alignment = alignof(T);
-    record.operations = &DataTypeOperationsOf<T, COMPARISON::NONE>();
-    record.kind = DATATYPEKIND::TUPLE;
+    DefineRecordDataType<T, COMPARISON::NONE>(record, typeName, g_unit, __FILE__);
 }
 
-// An enumeration without an id is hidden and listed by its type name.
 template <typename E, size_t N>
 void DefineEnumType(DataTypeRecord& record, LiteralId id, const char* typeName,
                     const EnumValue (&values)[N]) {
-    DefineDataType(record, id, g_unit, __FILE__, id.IsEmpty() ? EntityBase::FLAGS::HIDDEN : 0);
-    record.typeName = typeName;
-    record.size = sizeof(E);
-    record.alignment = alignof(E);
-    record.operations = &DataTypeOperationsOf<E, COMPARISON::OPERATORS>();
-    record.kind = DATATYPEKIND::ENUM;
-    record.enumValues = values;
-    record.enumCount = static_cast<Int>(N);
+    DefineEnumDataType<E>(record, id, typeName, values, g_unit, __FILE__);
 }
 
 void Register() {

@@ -392,12 +392,7 @@ DataTypeRecord g_cachePointerType;
 
 template <typename T>
 void DefineBytesType(DataTypeRecord& record, const char* typeName) {
-    DefineDataType(record, LiteralId(DataTypeIdOf<T>::id), g_unit, __FILE__, 0);
-    record.typeName = typeName;
-    record.size = sizeof(T);
-    record.alignment = alignof(T);
-    record.operations = &DataTypeOperationsOf<T, COMPARISON::BYTES>();
-    record.kind = DATATYPEKIND::TUPLE;
+    DefineRecordDataType<T, COMPARISON::BYTES>(record, typeName, g_unit, __FILE__);
 }
 
 void Register() {
@@ -414,15 +409,14 @@ void Register() {
 const bool g_registered = (Register(), true);
 
 using I = BSDFLegacyInterface;
-const SimpleClass<LambertBRDFImpl, I> g_lambert(g_unit, LAMBERT_BRDF_CLASS_ID,
-                                                BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
-const SimpleClass<OrenNayarBRDFImpl, I> g_orenNayar(g_unit, ORENNAYAR_BRDF_CLASS_ID,
+SimpleClass<LambertBRDFImpl, I> g_lambert(g_unit, LAMBERT_BRDF_CLASS_ID,
+                                          BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
+SimpleClass<OrenNayarBRDFImpl, I> g_orenNayar(g_unit, ORENNAYAR_BRDF_CLASS_ID,
+                                              BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
+SimpleClass<BlurrySimpleBRDFImpl, I> g_blurrySimple(g_unit, BLURRYSIMPLE_BRDF_CLASS_ID,
                                                     BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
-const SimpleClass<BlurrySimpleBRDFImpl, I> g_blurrySimple(g_unit, BLURRYSIMPLE_BRDF_CLASS_ID,
-                                                          BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
-const SimpleClass<BlurrySpecularBRDFImpl, I> g_blurrySpecular(g_unit, BLURRYSPECULAR_BRDF_CLASS_ID,
-                                                              BSDF_LEGACY_CLASS_REGISTRY_ID,
-                                                              __FILE__);
+SimpleClass<BlurrySpecularBRDFImpl, I> g_blurrySpecular(g_unit, BLURRYSPECULAR_BRDF_CLASS_ID,
+                                                        BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
 
 }  // namespace
 

@@ -303,14 +303,14 @@ const bool g_opened = (OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0),
 
 using I = BSDFLegacyInterface;
 constexpr const char* R = BSDF_LEGACY_CLASS_REGISTRY_ID;
-const SimpleClass<BeckmannBRDFImpl, I> g_beckmannBrdf(g_unit, BECKMANN_BRDF_CLASS_ID, R, __FILE__);
-const SimpleClass<BeckmannBTDFImpl, I> g_beckmannBtdf(g_unit, BECKMANN_BTDF_CLASS_ID, R, __FILE__);
-const SimpleClass<GGXBRDFImpl, I> g_ggxBrdf(g_unit, GGX_BRDF_CLASS_ID, R, __FILE__);
-const SimpleClass<GGXBTDFImpl, I> g_ggxBtdf(g_unit, GGX_BTDF_CLASS_ID, R, __FILE__);
-const SimpleClass<PhongBRDFImpl, I> g_phongBrdf(g_unit, PHONG_BRDF_CLASS_ID, R, __FILE__);
-const SimpleClass<PhongBTDFImpl, I> g_phongBtdf(g_unit, PHONG_BTDF_CLASS_ID, R, __FILE__);
-const SimpleClass<WardBRDFImpl, I> g_wardBrdf(g_unit, WARD_BRDF_CLASS_ID, R, __FILE__);
-const SimpleClass<WardBTDFImpl, I> g_wardBtdf(g_unit, WARD_BTDF_CLASS_ID, R, __FILE__);
+SimpleClass<BeckmannBRDFImpl, I> g_beckmannBrdf(g_unit, BECKMANN_BRDF_CLASS_ID, R, __FILE__);
+SimpleClass<BeckmannBTDFImpl, I> g_beckmannBtdf(g_unit, BECKMANN_BTDF_CLASS_ID, R, __FILE__);
+SimpleClass<GGXBRDFImpl, I> g_ggxBrdf(g_unit, GGX_BRDF_CLASS_ID, R, __FILE__);
+SimpleClass<GGXBTDFImpl, I> g_ggxBtdf(g_unit, GGX_BTDF_CLASS_ID, R, __FILE__);
+SimpleClass<PhongBRDFImpl, I> g_phongBrdf(g_unit, PHONG_BRDF_CLASS_ID, R, __FILE__);
+SimpleClass<PhongBTDFImpl, I> g_phongBtdf(g_unit, PHONG_BTDF_CLASS_ID, R, __FILE__);
+SimpleClass<WardBRDFImpl, I> g_wardBrdf(g_unit, WARD_BRDF_CLASS_ID, R, __FILE__);
+SimpleClass<WardBTDFImpl, I> g_wardBtdf(g_unit, WARD_BTDF_CLASS_ID, R, __FILE__);
 
 }  // namespace
 

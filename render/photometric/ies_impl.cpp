@@ -478,14 +478,8 @@ constexpr EnumValue SHAPE_VALUES[] = {
 
 template <typename E, size_t N>
 void DefineEnumType(DataTypeRecord& record, const char* typeName, const EnumValue (&values)[N]) {
-    DefineDataType(record, LiteralId(DataTypeIdOf<E>::id), g_unit, __FILE__, 0);
-    record.typeName = typeName;
-    record.size = sizeof(E);
-    record.alignment = alignof(E);
-    record.operations = &DataTypeOperationsOf<E, COMPARISON::OPERATORS>();
-    record.kind = DATATYPEKIND::ENUM;
-    record.enumValues = values;
-    record.enumCount = static_cast<Int>(N);
+    DefineEnumDataType<E>(record, LiteralId(DataTypeIdOf<E>::id), typeName, values, g_unit,
+                          __FILE__);
 }
 
 void Register() {

@@ -193,4 +193,32 @@ const T* Data::Get() const {
     return static_cast<const T*>(_value);
 }
 
+/// Defines the data type record of the plain record T in `unit`, under T's data type id.
+template <typename T, COMPARISON MODE>
+void DefineRecordDataType(DataTypeRecord& record, const char* typeName,
+                          TranslationUnitRecord& unit, const char* sourceName) {
+    DefineDataType(record, LiteralId(DataTypeIdOf<T>::id), unit, sourceName, 0);
+    record.typeName = typeName;
+    record.size = sizeof(T);
+    record.alignment = alignof(T);
+    record.operations = &DataTypeOperationsOf<T, MODE>();
+    record.kind = DATATYPEKIND::TUPLE;
+}
+
+/// Defines the data type record of the enumeration E with its values in `unit`. An
+/// enumeration without an id is hidden and listed by its type name.
+template <typename E, size_t N>
+void DefineEnumDataType(DataTypeRecord& record, LiteralId id, const char* typeName,
+                        const EnumValue (&values)[N], TranslationUnitRecord& unit,
+                        const char* sourceName) {
+    DefineDataType(record, id, unit, sourceName, id.IsEmpty() ? EntityBase::FLAGS::HIDDEN : 0);
+    record.typeName = typeName;
+    record.size = sizeof(E);
+    record.alignment = alignof(E);
+    record.operations = &DataTypeOperationsOf<E, COMPARISON::OPERATORS>();
+    record.kind = DATATYPEKIND::ENUM;
+    record.enumValues = values;
+    record.enumCount = static_cast<Int>(N);
+}
+
 }  // namespace quorv
