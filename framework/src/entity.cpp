@@ -223,6 +223,15 @@ void DefineVirtualInterface(InterfaceRecord& record, LiteralId id, const Interfa
     record.methodCount = count;
 }
 
+ModuleUnit::ModuleUnit(const char* sourceName, std::initializer_list<Use> uses, UInt32 flags) {
+    if (static_cast<Int>(uses.size()) > MAX_USES) Trap();
+    OpenTranslationUnit(_unit, g_moduleRecord, sourceName, flags);
+    Int i = 0;
+    for (const Use& use : uses) {
+        AddDependency(_dependencies[i++], use.target, _unit, use.header, DEPENDENCYKIND::STRONG);
+    }
+}
+
 void AddDictionaryKey(DictionaryKeyRecord& key) {
     StartFramework();
     key.next = g_quorv.idList;

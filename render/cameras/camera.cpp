@@ -76,18 +76,10 @@ Matrix64 InvertMatrix(const Matrix64& m) {
 
 namespace {
 
-TranslationUnitRecord g_unit;
+ModuleUnit g_unit(__FILE__);
 InterfaceRecord g_interfaceRecord;
-
-// Publishes the interface record (id, base, method names, return kinds) in this unit.
-void Register() {
-    OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
-    const InterfaceRecord& r = CameraInterface::Record();
-    DefineVirtualInterface(g_interfaceRecord, r.id, r.base, r.returnKinds, r.methodNames,
-                           r.methodCount, g_unit, 0);
-}
-
-const bool g_registered = (Register(), true);
+const bool g_registered =
+    (PublishVirtualInterface<CameraInterface>(g_interfaceRecord, g_unit), true);
 
 }  // namespace
 

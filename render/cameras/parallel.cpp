@@ -115,13 +115,7 @@ const Matrix64& ParallelCameraImpl::GetWorldToCameraMatrix() const { return worl
 
 namespace {
 
-TranslationUnitRecord g_unit;
-DependencyRecord g_dictionaryDependency;
-
-const bool g_opened = (OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0),
-                       AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record,
-                                     g_unit, "quorv/datadictionary.h", DEPENDENCYKIND::STRONG),
-                       true);
+ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
 SimpleClass<ParallelCameraImpl, CameraInterface> g_class(g_unit, PARALLEL_CAMERA_CLASS_ID,
                                                          CAMERA_CLASS_REGISTRY_ID, __FILE__);
 

@@ -127,13 +127,7 @@ private:
 
 namespace {
 
-TranslationUnitRecord g_unit;
-DependencyRecord g_dictionaryDependency;
-
-const bool g_opened = (OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0),
-                       AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record,
-                                     g_unit, "quorv/datadictionary.h", DEPENDENCYKIND::STRONG),
-                       true);
+ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
 SimpleClass<PerspectiveCameraImpl, CameraInterface> g_class(g_unit, PERSPECTIVE_CAMERA_CLASS_ID,
                                                             CAMERA_CLASS_REGISTRY_ID, __FILE__);
 

@@ -6,9 +6,9 @@ namespace quorv {
 
 namespace {
 
-TranslationUnitRecord g_unit;
-DependencyRecord g_applicationDependency;
-DependencyRecord g_databaseDependency;
+ModuleUnit g_unit(__FILE__,
+                  {{&ApplicationInterface::record, "quorv/services.h"},
+                   {&DataDescriptionDefinitionDatabaseInterface::record, "quorv/services.h"}});
 InitializationRecord g_initialization;
 
 // An error of either call is the result, so the host refuses the module.
@@ -21,16 +21,8 @@ Result<void> Init() {
         LiteralId("net.quorv.render.module"), url.GetObject());
 }
 
-void Register() {
-    OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
-    AddDependency(g_applicationDependency, &ApplicationInterface::record, g_unit,
-                  "quorv/services.h", DEPENDENCYKIND::STRONG);
-    AddDependency(g_databaseDependency, &DataDescriptionDefinitionDatabaseInterface::record, g_unit,
-                  "quorv/services.h", DEPENDENCYKIND::STRONG);
-    DefineInitialization(g_initialization, __FILE__, &Init, nullptr, g_unit);
-}
-
-const bool g_registered = (Register(), true);
+const bool g_registered =
+    (DefineInitialization(g_initialization, __FILE__, &Init, nullptr, g_unit), true);
 
 }  // namespace
 

@@ -384,9 +384,8 @@ Float64 BlurrySpecularBRDFImpl::ComputeMIPAngle(Float64 angle) const {
 
 namespace {
 
-TranslationUnitRecord g_unit;
+ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
 InterfaceRecord g_interfaceRecord;
-DependencyRecord g_dictionaryDependency;
 DataTypeRecord g_cachedSampleType;
 DataTypeRecord g_cachePointerType;
 
@@ -396,12 +395,7 @@ void DefineBytesType(DataTypeRecord& record, const char* typeName) {
 }
 
 void Register() {
-    OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
-    AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record, g_unit,
-                  "quorv/datadictionary.h", DEPENDENCYKIND::STRONG);
-    const InterfaceRecord& r = BSDFLegacyInterface::Record();
-    DefineVirtualInterface(g_interfaceRecord, r.id, r.base, r.returnKinds, r.methodNames,
-                           r.methodCount, g_unit, 0);
+    PublishVirtualInterface<BSDFLegacyInterface>(g_interfaceRecord, g_unit);
     DefineBytesType<BSDFCachedSample>(g_cachedSampleType, "quorv::BSDFCachedSample");
     DefineBytesType<SamplerCachePointer>(g_cachePointerType, "quorv::SamplerCachePointer");
 }

@@ -293,13 +293,7 @@ template struct MicrofacetBSDFImpl<MICROFACET::WARD, true>;
 
 namespace {
 
-TranslationUnitRecord g_unit;
-DependencyRecord g_dictionaryDependency;
-
-const bool g_opened = (OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0),
-                       AddDependency(g_dictionaryDependency, &DataDictionaryInterface::record,
-                                     g_unit, "quorv/datadictionary.h", DEPENDENCYKIND::STRONG),
-                       true);
+ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
 
 using I = BSDFLegacyInterface;
 constexpr const char* R = BSDF_LEGACY_CLASS_REGISTRY_ID;

@@ -19,7 +19,7 @@ std::vector<float> ReadBack(const std::string& path, OIIO::ImageSpec* layout) {
     auto in = OIIO::ImageInput::open(path);
     EXPECT_TRUE(in) << OIIO::geterror();
     if (!in) return {};
-    *layout = in->spec();
+    *layout = in->spec_dimensions(0);  // sizes, channels and pixel type
     std::vector<float> pixels(
         static_cast<size_t>(layout->width * layout->height * layout->nchannels));
     EXPECT_TRUE(in->read_image(0, 0, 0, layout->nchannels, OIIO::TypeDesc::FLOAT, pixels.data()));

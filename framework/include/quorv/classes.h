@@ -118,6 +118,15 @@ void DefineSimpleClass(ComponentRecord& component, ClassRecord& cls,
                        const ComponentRecord* const* componentList, LiteralId id,
                        LiteralId registry, TranslationUnitRecord& unit, const char* sourceName);
 
+/// Publishes interface I's record (id, base, method names, return kinds) in `unit`, so the
+/// host can list the interface by id.
+template <typename I>
+void PublishVirtualInterface(InterfaceRecord& record, TranslationUnitRecord& unit) {
+    const InterfaceRecord& r = I::Record();
+    DefineVirtualInterface(record, r.id, r.base, r.returnKinds, r.methodNames, r.methodCount, unit,
+                           0);
+}
+
 /// The records of a class made of one component of type IMPL implementing interface I, defined
 /// and registered under `id` in `registry` when constructed, i.e. one line per class at
 /// namespace scope in the class's unit:

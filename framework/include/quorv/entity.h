@@ -4,6 +4,8 @@
 /// the definitions. Records are plain data in the module's writable memory; nothing is
 /// allocated while they are built.
 
+#include <initializer_list>
+
 #include "quorv/literalid.h"
 #include "quorv/result.h"
 
@@ -428,6 +430,34 @@ void DefineVirtualInterface(InterfaceRecord& record, LiteralId id, const Interfa
                             TranslationUnitRecord& unit, UInt32 flags);
 /// Chains a key record under `g_quorv.idList`.
 void AddDictionaryKey(DictionaryKeyRecord& key);
+
+/// A unit of this module, opened under `g_moduleRecord` when constructed, with a dependency on
+/// each interface record it calls. Defined at namespace scope ahead of the unit's definitions,
+/// which take it where a unit record is asked for:
+///
+///     ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
+class ModuleUnit {
+public:
+    /// An interface the unit calls and the header that declares it.
+    struct Use {
+        EntityBase* target;
+        const char* header;
+    };
+    static constexpr Int MAX_USES = 8;
+
+    /// Opens the unit; uses beyond MAX_USES trap, as a misuse of the records.
+    explicit ModuleUnit(const char* sourceName, std::initializer_list<Use> uses = {},
+                        UInt32 flags = 0);
+    ModuleUnit(const ModuleUnit&) = delete;
+    ModuleUnit& operator=(const ModuleUnit&) = delete;
+
+    operator TranslationUnitRecord&() { return _unit; }
+    TranslationUnitRecord& Record() { return _unit; }
+
+private:
+    TranslationUnitRecord _unit;
+    DependencyRecord _dependencies[MAX_USES];
+};
 
 // ---- Resolving -----------------------------------------------------------------------------
 
