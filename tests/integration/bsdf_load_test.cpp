@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
 #include "render/legacy_renderers/microfacetdistributioncaches.h"
@@ -21,21 +22,11 @@ namespace {
 const Vector64 FIXED_WO{0.5773502691896258, 0.5773502691896258, 0.5773502691896258};
 const Vector64 FIXED_WI{-0.556021856893694, -0.556021856893694, 0.6178020632152155};
 
-host::LoadedModule* Module() {
-    static host::LoadedModule* module = [] {
-        Result<host::LoadedModule*> r = host::Host::Get().LoadModule(QUORV_MODULE_PATH);
-        EXPECT_TRUE(r.IsOk()) << ErrorToString(r.GetErrorPointer());
-        return r.GetValue();
-    }();
-    return module;
-}
+host::LoadedModule* Module() { return test::LoadModuleOnce(QUORV_MODULE_PATH); }
 
 BSDFLegacyRef Make(const char* id, Float64 roughness, SamplerCache* cache) {
     Module();
-    Result<ObjectRef> o = CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), LiteralId(id));
-    EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
-    Result<BSDFLegacyRef> b = BSDFLegacyRef::Cast(o.GetValue());
-    EXPECT_TRUE(b.IsOk()) << ErrorToString(b.GetErrorPointer());
+    BSDFLegacyRef b = test::MakeInstance<BSDFLegacyInterface>(BSDF_LEGACY_CLASS_REGISTRY_ID, id);
     DataDictionary d = DataDictionary::Create().GetValue();
     EXPECT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_ROUGHNESS), Data::Of(roughness)).IsOk());
     if (cache) {
@@ -44,8 +35,8 @@ BSDFLegacyRef Make(const char* id, Float64 roughness, SamplerCache* cache) {
         EXPECT_FALSE(handle.IsEmpty());
         EXPECT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_DISTRIBUTION_CACHE), handle).IsOk());
     }
-    EXPECT_TRUE(b.GetValue().Init(d, nullptr).IsOk());
-    return b.GetValue();
+    EXPECT_TRUE(b.Init(d, nullptr).IsOk());
+    return b;
 }
 
 TEST(BSDFModuleLoad, RegistryListsTheTwelveClassesAndEachEvaluates) {
@@ -94,18 +85,9 @@ TEST(BSDFModuleLoad, CacheBlockThroughTheStaticInterfaceFeedsAClass) {
     EXPECT_NEAR(fc, fa, 1e-3 * fa);
 }
 
-std::string RunCommand(const std::string& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    if (!pipe) return {};
-    std::string out;
-    char buffer[4096];
-    while (size_t n = fread(buffer, 1, sizeof(buffer), pipe.get())) out.append(buffer, n);
-    return out;
-}
-
 TEST(BSDFModuleLoad, CommandLineEvaluatesLinesAndRoundTripsNumbers) {
     const std::string cli = std::string(QUORV_CLI_PATH) + " --module " + QUORV_MODULE_PATH;
-    const std::string list = RunCommand(cli + " bsdf list");
+    const std::string list = test::RunCommand(cli + " bsdf list");
     EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 12) << list;
     EXPECT_NE(list.find("net.quorv.render.bsdflegacyclass.wardbtdf\n"), std::string::npos);
     const std::string lines =
@@ -113,7 +95,7 @@ TEST(BSDFModuleLoad, CommandLineEvaluatesLinesAndRoundTripsNumbers) {
         "'{\"op\":\"SampleF\",\"wo\":[0,0,1],\"sample\":{\"u0\":0.25,\"u1\":0.36,\"u2\":0}}' "
         "'{\"op\":\"Frobnicate\"}' | ";
     const std::string out =
-        RunCommand(lines + cli + " bsdf eval --class net.quorv.render.bsdflegacyclass.lambertbrdf");
+        test::RunCommand(lines + cli + " bsdf eval --class net.quorv.render.bsdflegacyclass.lambertbrdf");
     std::istringstream in(out);
     std::string first, second, third;
     std::getline(in, first);

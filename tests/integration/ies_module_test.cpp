@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/photometric/ies.h"
 
@@ -20,30 +21,10 @@ namespace {
 
 const std::string EXAMPLE = std::string(QUORV_SOURCE_DIR) + "/data/ies/example_spot.ies";
 
-std::string RunCommand(const std::string& command, int* status = nullptr) {
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return {};
-    std::string out;
-    char buffer[4096];
-    while (size_t n = fread(buffer, 1, sizeof(buffer), pipe)) out.append(buffer, n);
-    int rc = pclose(pipe);
-    if (status) *status = WEXITSTATUS(rc);
-    return out;
-}
-
-void LoadModuleOnce() {
-    static bool loaded = [] {
-        Result<host::LoadedModule*> r = host::Host::Get().LoadModule(QUORV_MODULE_PATH);
-        EXPECT_TRUE(r.IsOk()) << ErrorToString(r.GetErrorPointer());
-        return r.IsOk();
-    }();
-    ASSERT_TRUE(loaded);
-}
-
 TEST(IesModule, SlotsBoundAtLoadAndWebRead) {
     // Before the load the table answers with stubs: null objects, unresolved errors.
     EXPECT_EQ(IesInterface::Alloc(QUORV_SOURCE_LOCATION), nullptr);
-    LoadModuleOnce();
+    ASSERT_NE(test::LoadModuleOnce(QUORV_MODULE_PATH), nullptr);
     Result<Url> url = Url::FromText(EXAMPLE);
     ASSERT_TRUE(url.IsOk());
     Result<IesRef> ies = IesRef::Load(url.GetValue());
@@ -80,27 +61,27 @@ TEST(IesModule, SlotsBoundAtLoadAndWebRead) {
 TEST(IesModule, CommandLine) {
     const std::string cli = QUORV_CLI_PATH;
     int status = -1;
-    std::string info = RunCommand(cli + " ies info --json " + EXAMPLE, &status);
+    std::string info = test::RunCommand(cli + " ies info --json " + EXAMPLE, &status);
     EXPECT_EQ(status, 0);
     EXPECT_NE(info.find("\"nV\":37"), std::string::npos) << info;
     EXPECT_NE(info.find("\"version\":\"V2002\""), std::string::npos) << info;
 
-    std::string bad = RunCommand(cli + " ies info " + std::string(QUORV_SOURCE_DIR) +
+    std::string bad = test::RunCommand(cli + " ies info " + std::string(QUORV_SOURCE_DIR) +
                                      "/tests/data/ies/too_many_angles.ies 2>&1",
                                  &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(bad, "IES: Incorrect number or angles\n");
 
-    std::string values = RunCommand("printf '[0,0,1]\\n[0,0,-1]\\n' | " + cli + " ies intensity " + EXAMPLE);
+    std::string values = test::RunCommand("printf '[0,0,1]\\n[0,0,-1]\\n' | " + cli + " ies intensity " + EXAMPLE);
     Result<Url> url = Url::FromText(EXAMPLE);
-    LoadModuleOnce();
+    ASSERT_NE(test::LoadModuleOnce(QUORV_MODULE_PATH), nullptr);
     IesRef ies = IesRef::Load(url.GetValue()).GetValue();
     EXPECT_EQ(values.substr(0, 4), "0.0\n");
     EXPECT_EQ(std::stod(values.substr(4)), IesInterface::ComputeLightIntensity(ies.Get(), {0, 0, -1}))
         << "the number reads back to the same bits";
 
     // The writer's text, as a file holds it.
-    std::string text = RunCommand(cli + " ies text " + EXAMPLE, &status);
+    std::string text = test::RunCommand(cli + " ies text " + EXAMPLE, &status);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(text.rfind("IESNA:LM-63-2002\n[MANUFAC]quorv example\n", 0), 0u) << text;
 }

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/cameras/camera.h"
 
@@ -18,32 +19,11 @@ namespace {
 
 constexpr const char* CAMERAS = "net.quorv.render.registry.cameraclasses";
 
-std::string RunCommand(const std::string& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    if (!pipe) return {};
-    std::string out;
-    char buffer[4096];
-    while (size_t n = fread(buffer, 1, sizeof(buffer), pipe.get())) out.append(buffer, n);
-    return out;
-}
-
-// Loads the module once per process, at its build path.
-host::LoadedModule* Module() {
-    static host::LoadedModule* module = [] {
-        Result<host::LoadedModule*> r = host::Host::Get().LoadModule(QUORV_MODULE_PATH);
-        EXPECT_TRUE(r.IsOk()) << ErrorToString(r.GetErrorPointer());
-        return r.GetValue();
-    }();
-    return module;
-}
+host::LoadedModule* Module() { return test::LoadModuleOnce(QUORV_MODULE_PATH); }
 
 CameraRef MakeCamera(const char* id) {
     Module();
-    Result<ObjectRef> o = CreateObjectById(LiteralId(CAMERAS), LiteralId(id));
-    EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
-    Result<CameraRef> cam = CameraRef::Cast(o.GetValue());
-    EXPECT_TRUE(cam.IsOk()) << ErrorToString(cam.GetErrorPointer());
-    return cam.GetValue();
+    return test::MakeInstance<CameraInterface>(CAMERAS, id);
 }
 
 DataDictionary Parameters(Vector2d64 resolution) {
@@ -95,7 +75,7 @@ TEST(ModuleLoad, BothCamerasGiveRaysThroughTheLoadedLibrary) {
 }
 
 TEST(ModuleLoad, ExportsExactlyTheTwoRecordsAndNeedsOnlyRuntimes) {
-    std::string syms = RunCommand(std::string("readelf --dyn-syms -W ") + QUORV_MODULE_PATH);
+    std::string syms = test::RunCommand(std::string("readelf --dyn-syms -W ") + QUORV_MODULE_PATH);
     ASSERT_FALSE(syms.empty());
     std::set<std::string> defined;
     std::istringstream lines(syms);
@@ -109,7 +89,7 @@ TEST(ModuleLoad, ExportsExactlyTheTwoRecordsAndNeedsOnlyRuntimes) {
     }
     EXPECT_EQ(defined, (std::set<std::string>{"g_quorv", "g_CpuYieldDelegate"}));
 
-    std::string dyn = RunCommand(std::string("readelf -d -W ") + QUORV_MODULE_PATH);
+    std::string dyn = test::RunCommand(std::string("readelf -d -W ") + QUORV_MODULE_PATH);
     std::set<std::string> allowed{"libc.so.6", "libm.so.6", "libstdc++.so.6", "libgcc_s.so.1"};
     std::istringstream dl(dyn);
     int needed = 0;
@@ -132,7 +112,7 @@ TEST(CommandLine, CameraLinesRoundTripExactly) {
                       QUORV_CLI_PATH + " --module " + QUORV_MODULE_PATH +
                       " camera --class net.quorv.render.cameraclass.perspective"
                       " --param net.quorv.render.camera.cameraparameters.screenresolution=[640,480]";
-    std::string out = RunCommand(cmd);
+    std::string out = test::RunCommand(cmd);
     std::istringstream lines(out);
     std::string first, second, third;
     std::getline(lines, first);

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/cameras/camera.h"
 #include "render/cameras/camera_impl.h"
@@ -27,11 +28,7 @@ namespace keys = cameraparameters;
 const char* const BOTH_CLASSES[] = {PARALLEL_CAMERA_CLASS_ID, PERSPECTIVE_CAMERA_CLASS_ID};
 
 CameraRef MakeCamera(const char* id) {
-    Result<ObjectRef> o = CreateObjectById(LiteralId(CAMERA_CLASS_REGISTRY_ID), LiteralId(id));
-    EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
-    Result<CameraRef> cam = CameraRef::Cast(o.GetValue());
-    EXPECT_TRUE(cam.IsOk()) << ErrorToString(cam.GetErrorPointer());
-    return cam.GetValue();
+    return test::MakeInstance<CameraInterface>(CAMERA_CLASS_REGISTRY_ID, id);
 }
 
 DataDictionary Parameters(Vector2d64 resolution) {
