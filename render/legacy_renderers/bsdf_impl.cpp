@@ -30,17 +30,28 @@ SamplerCache* ReadDistributionCache(const DataDictionary& params) {
         .cache;
 }
 
-// ---- Lambert ------------------------------------------------------------------------------
+namespace {
 
-Color64 LambertBRDFImpl::SampleF(const Vector64&, const Vector64&, const BSDFCachedSample& sample,
-                                 Vector64& wi, Float64& pdf) const {
+// The diffuse classes' draw: a cosine-weighted direction and its density |z|/pi. A direction
+// within 1e-10 of the surface is rejected with pdf 0.
+bool DrawDiffuse(const BSDFCachedSample& sample, Vector64& wi, Float64& pdf) {
     wi = CosineSample(sample);
     const Float64 z = std::fabs(wi.z);
     if (z < 1e-10) {
         pdf = 0.0;
-        return ZERO_COLOR;
+        return false;
     }
     pdf = z / BSDF_PI;
+    return true;
+}
+
+}  // namespace
+
+// ---- Lambert ------------------------------------------------------------------------------
+
+Color64 LambertBRDFImpl::SampleF(const Vector64&, const Vector64&, const BSDFCachedSample& sample,
+                                 Vector64& wi, Float64& pdf) const {
+    if (!DrawDiffuse(sample, wi, pdf)) return ZERO_COLOR;
     return {1.0, 1.0, 1.0};
 }
 
@@ -141,13 +152,7 @@ Float64 OrenNayarBRDFImpl::Value(const Vector64& o, const Vector64& i) const {
 Color64 OrenNayarBRDFImpl::SampleF(const Vector64& wo, const Vector64&,
                                    const BSDFCachedSample& sample, Vector64& wi,
                                    Float64& pdf) const {
-    wi = CosineSample(sample);
-    const Float64 z = std::fabs(wi.z);
-    if (z < 1e-10) {
-        pdf = 0.0;
-        return ZERO_COLOR;
-    }
-    pdf = z / BSDF_PI;
+    if (!DrawDiffuse(sample, wi, pdf)) return ZERO_COLOR;
     const Float64 v = Value(wo, wi);
     return {v, v, v};
 }
