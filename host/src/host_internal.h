@@ -20,6 +20,11 @@ Result<void> ApplyConfiguration(LoadedModule& module, std::string_view assignmen
 /// Applies the assignments made so far to a newly loaded module.
 void ApplyPendingConfiguration(Host::State& state, LoadedModule& module);
 
+// ---- module files (elf_check.cpp) ------------------------------------------------------------
+/// Ok when `path` is an ELF shared object of this machine whose program headers and loadable
+/// segments lie inside the file; else an io error "Cannot load module PATH: reason".
+Result<void> CheckSharedObjectFile(const std::string& path);
+
 // ---- system --------------------------------------------------------------------------------
 void RegisterSystemService(Host& host);
 /// Records a critical message (and echoes it when the options say so).

@@ -1,5 +1,8 @@
 #include "quorv/host/image_writer.h"
 
+#include "quorv/host/file_writer.h"
+
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
@@ -38,40 +41,43 @@ Result<void> WriteImage(const std::string& path, Int width, Int height, Int chan
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          FormatMessage("Cannot write @: the name must end in .png or .exr", {path}));
     }
+    std::vector<unsigned char> encoded;
     try {
         auto out = OIIO::ImageOutput::create(path);
         if (!out) {
             return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
                                    FormatMessage("Cannot write @: @", {path, OIIO::geterror()}));
         }
-        OIIO::ImageSpec layout(static_cast<int>(width), static_cast<int>(height), static_cast<int>(channels),
-                             png ? OIIO::TypeDesc::UINT8 : OIIO::TypeDesc::FLOAT);
-        if (!out->open(path, layout)) {
+        // The picture is encoded into memory first; only complete bytes reach the file.
+        OIIO::Filesystem::IOVecOutput memory(encoded);
+        OIIO::ImageSpec layout(static_cast<int>(width), static_cast<int>(height),
+                               static_cast<int>(channels),
+                               png ? OIIO::TypeDesc::UINT8 : OIIO::TypeDesc::FLOAT);
+        void* proxy = &memory;
+        layout.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
+        bool ok = out->open(path, layout);
+        if (ok) {
+            const size_t count = static_cast<size_t>(width * height * channels);
+            if (png) {
+                std::vector<UInt8> bytes(count);
+                for (size_t i = 0; i < count; ++i) bytes[i] = ToByte(pixels[i]);
+                ok = out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
+            } else {
+                ok = out->write_image(OIIO::TypeDesc::FLOAT, pixels);
+            }
+        }
+        if (!out->close()) ok = false;
+        if (!ok || out->has_error() || encoded.empty()) {
+            std::string why = out->geterror();
             return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
-                                   FormatMessage("Cannot write @: @", {path, out->geterror()}));
-        }
-        bool ok;
-        size_t count = static_cast<size_t>(width * height * channels);
-        if (png) {
-            std::vector<UInt8> bytes(count);
-            for (size_t i = 0; i < count; ++i) bytes[i] = ToByte(pixels[i]);
-            ok = out->write_image(OIIO::TypeDesc::UINT8, bytes.data());
-        } else {
-            ok = out->write_image(OIIO::TypeDesc::FLOAT, pixels);
-        }
-        std::string why = ok ? std::string() : out->geterror();
-        if (!out->close() && ok) {
-            ok = false;
-            why = out->geterror();
-        }
-        if (!ok) {
-            return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
-                                   FormatMessage("Cannot write @: @", {path, why}));
+                                   FormatMessage("Cannot write @: @",
+                                                 {path, why.empty() ? "the encoder failed" : why}));
         }
     } catch (const std::bad_alloc&) {
         return OutOfMemoryError();
     }
-    return OK;
+    return WriteFileAtomically(
+        path, std::string_view(reinterpret_cast<const char*>(encoded.data()), encoded.size()));
 }
 
 }  // namespace quorv::host

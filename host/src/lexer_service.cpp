@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "host_internal.h"
@@ -160,19 +159,10 @@ Result<void> Init(LexerObject* lexer, const UrlObject* url, LEXERINITFLAGS flags
             return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
                                    FormatMessage("Cannot read @: not a file", {u.ToText()}));
         }
-        std::string path = u.GetPath();
-        std::ifstream in(path, std::ios::binary);
-        if (!in) {
-            return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
-                                   FormatMessage("Cannot open @", {path}));
-        }
-        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        if (in.bad()) {
-            return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
-                                   FormatMessage("Cannot read @", {path}));
-        }
+        Result<std::string> bytes = ReadWholeFile(u.GetPath());
+        if (bytes.IsError()) return bytes.GetError();
         Reset(*lexer, flags, identChars);
-        return Decode(*lexer, bytes, decoding);
+        return Decode(*lexer, bytes.GetValue(), decoding);
     });
 }
 

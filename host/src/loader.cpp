@@ -226,7 +226,10 @@ Result<void> Host::RunDefinitions(LoadedModule& module) {
 
 Result<LoadedModule*> Host::LoadModule(const std::string& path,
                                        const std::vector<std::string>& withheldInterfaces) {
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    QUORV_RETURN_IF_ERROR(CheckSharedObjectFile(path));
+    // A bare name is a file here, as for the check above, not a search of the library path.
+    const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
+    void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) {
         const char* why = dlerror();
         return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,

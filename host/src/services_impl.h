@@ -2,6 +2,7 @@
 // Registration of the value services (strings, urls, dictionaries, data types) and the
 // allocation helpers their counted objects share.
 
+#include <stdexcept>
 #include <cstring>
 #include <new>
 #include <string_view>
@@ -72,17 +73,28 @@ T* NewImmortalObject(A&&... args) noexcept {
     }
 }
 
-/// Runs a slot body that answers a `Result`, turning a failed allocation of the standard
-/// library (bad_alloc, or length_error for absurd sizes) into the out-of-memory error: no
-/// exception leaves a slot function.
+/// Runs a slot body that answers a `Result`: no exception leaves a slot function. A failed
+/// allocation of the standard library (bad_alloc, or length_error for absurd sizes) becomes the
+/// out-of-memory error; any other exception an error of its own that carries its text, so that
+/// a failure that is not about memory is never reported as one.
 template <typename F>
 auto GuardAllocation(F&& body) noexcept -> decltype(body()) {
     try {
         return body();
-    } catch (...) {
+    } catch (const std::bad_alloc&) {
         return OutOfMemoryError();
+    } catch (const std::length_error&) {
+        return OutOfMemoryError();
+    } catch (const std::exception& e) {
+        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, e.what());
+    } catch (...) {
+        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, "Unexpected failure");
     }
 }
+
+/// The bytes of the file at `path`. Errors are "net.quorv.error.io" naming the path and the
+/// system's reason: "Cannot read PATH: Is a directory", "...: Permission denied", ...
+Result<std::string> ReadWholeFile(const std::string& path);
 
 /// Writes `text` into `buffer` the way the text getters of the services do: all of it and a
 /// NUL when it fits, else as much as fits before a NUL. Returns the length of `text`.

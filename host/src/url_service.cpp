@@ -93,6 +93,34 @@ Result<std::string_view> UrlTextArgument(const char* text, Int length, const cha
     return view;
 }
 
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// "%XX" escapes to their bytes; a broken escape or an escaped NUL is refused, naming `url`.
+Result<std::string> PercentDecode(std::string_view text, std::string_view url) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out.push_back(text[i]);
+            continue;
+        }
+        const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+        const int low = high >= 0 ? HexDigit(text[i + 2]) : -1;
+        if (low < 0 || (high == 0 && low == 0)) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             FormatMessage("Url @ has a bad percent escape", {url}));
+        }
+        out.push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+    }
+    return out;
+}
+
 Error NullUrl(const char* operation) {
     return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                      FormatMessage("@ on a null url", {operation}));
@@ -183,6 +211,12 @@ Result<void> UrlSetUrl(UrlObject* u, const char* text, Int length) {
         size_t slash = rest.find('/');
         std::string authority(rest.substr(0, slash));
         std::string path(slash == std::string_view::npos ? std::string_view() : rest.substr(slash));
+        if (scheme.GetValue().View() == FILE_SCHEME) {
+            // A "file://" url is the escaped form of a path: "%20" is a blank in the file name.
+            Result<std::string> decoded = PercentDecode(path, t);
+            if (decoded.IsError()) return decoded.GetError();
+            path = std::move(decoded.GetValue());
+        }
         u->scheme = scheme.GetValue();
         u->authority = std::move(authority);
         u->path = std::move(path);

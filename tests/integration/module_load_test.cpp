@@ -119,7 +119,7 @@ TEST(CommandLine, CameraLinesRoundTripExactly) {
     std::getline(lines, second);
     std::getline(lines, third);
     EXPECT_NE(first.find("\"direction\":["), std::string::npos) << out;
-    EXPECT_EQ(second, "{\"error\":\"line is not JSON\"}");
+    EXPECT_EQ(second, "{\"error\":\"line is not JSON: not json\"}");
     EXPECT_EQ(third, "{\"features\":2}");
 }
 

@@ -190,7 +190,7 @@ TEST(IesReader, FactorsCountsAndTruncation) {
 
     Web missing;
     Result<void> none = LoadFile(missing.p, Own("does_not_exist.ies"));
-    EXPECT_EQ(MessageOf(none), "Cannot open " + Own("does_not_exist.ies"));
+    EXPECT_EQ(MessageOf(none), "Cannot read " + Own("does_not_exist.ies") + ": No such file or directory");
 }
 
 std::string WebWithCount(Int nV) {

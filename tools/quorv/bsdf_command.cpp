@@ -5,7 +5,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <sstream>
 
 #include "commands.h"
 #include "jsonio.h"
@@ -33,6 +32,7 @@ frame (+z the normal). Colours are [r, g, b].
   {"op":"ComputeBSDFFrame","n":V,"u":V?,"v":V?,"position":V?,"fast":b?,"world":b?,
    "useGivenFrame":b?}                         -> {"n":V,"u":V,"v":V}
   {"op":"Init","params":{KEY:VALUE,...}}       -> {"ok":true}
+  {"op":"Reset"}                               -> {"ok":true}
 
 S is either an index 0..65535 into the table of sample records generated from the seed 100,
 or an object {"u0":x,"u1":y,"u2":z} whose other fields (power, sinPhi, cosPhi, cosTheta,
@@ -106,9 +106,9 @@ Json SampleToJson(const BSDFCachedSample& s) {
 }
 
 bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out) {
-    if (j.is_number_integer()) {
-        const Int i = j.get<Int>();
-        if (i < 0 || i >= SAMPLE_TABLE_SIZE) return false;
+    if (j.is_number()) {
+        Int i;
+        if (!JsonToInteger(j, &i) || i < 0 || i >= SAMPLE_TABLE_SIZE) return false;
         *out = session.table[static_cast<size_t>(i)];
         return true;
     }
@@ -131,10 +131,7 @@ bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out
         if (!JsonToNumber(j[name], &v)) return false;
         *field = static_cast<Float32>(v);
     }
-    if (j.contains("count")) {
-        if (!j["count"].is_number_unsigned()) return false;
-        out->count = j["count"].get<UInt32>();
-    }
+    if (j.contains("count") && !JsonToInteger(j["count"], &out->count)) return false;
     for (auto& [k, v] : j.items()) {
         static const char* const known[] = {"u0",     "u1",       "u2",       "power", "sinPhi",
                                             "cosPhi", "cosTheta", "sinTheta", "count"};
@@ -255,6 +252,11 @@ Json Evaluate(Session& session, const Json& line) {
         const BSDFFrame f = b.ComputeBSDFFrame(n, u, v, position, flags[0], flags[1], flags[2]);
         return Json{{"n", ToJson(f.n)}, {"u", ToJson(f.u)}, {"v", ToJson(f.v)}};
     }
+    if (op == "Reset") {
+        Result<void> r = b.Reset();
+        if (r.IsError()) return ErrorJson(ErrorToString(r.GetErrorPointer()));
+        return Json{{"ok", true}};
+    }
     if (op == "Init") {
         std::vector<std::pair<std::string, Json>> params;
         if (line.contains("params")) {
@@ -269,7 +271,7 @@ Json Evaluate(Session& session, const Json& line) {
         if (r.IsError()) return ErrorJson(ErrorToString(r.GetErrorPointer()));
         return Json{{"ok", true}};
     }
-    return ErrorJson("unknown op \"" + op + "\"");
+    return ErrorJson("unknown op \"" + Quote(op) + "\"");
 }
 
 void PrintError(const ErrorObject* e) {
@@ -292,19 +294,7 @@ bool OpenSession(const BSDFOptions& o, Session& session) {
     session.bsdf = bsdf.GetValue();
     if (o.cache) session.cache = std::make_unique<SamplerCache>();
     std::vector<std::pair<std::string, Json>> params;
-    for (const std::string& p : o.params) {
-        auto eq = p.find('=');
-        if (eq == std::string::npos) {
-            std::fprintf(stderr, "quorv: --param %s is not KEY=VALUE\n", p.c_str());
-            return false;
-        }
-        Json value = Json::parse(p.substr(eq + 1), nullptr, false);
-        if (value.is_discarded()) {
-            std::fprintf(stderr, "quorv: --param %s: the value is not JSON\n", p.c_str());
-            return false;
-        }
-        params.emplace_back(p.substr(0, eq), value);
-    }
+    if (!ParseParamOptions(o.params, &params)) return false;
     Result<DataDictionary> dict = BuildBSDFParameters(params, session.cache.get());
     if (dict.IsError()) {
         PrintError(dict.GetErrorPointer());
@@ -335,26 +325,7 @@ int RunEval(const GlobalOptions& options, const BSDFOptions& o) {
     random.Seed(BSDF_RANDOM_SEED);
     session.table.resize(SAMPLE_TABLE_SIZE);
     for (auto& s : session.table) s = random.NextSample();
-    std::string text;
-    while (std::getline(std::cin, text)) {
-        if (text.find_first_not_of(" \t\r") == std::string::npos) continue;
-        Json line = Json::parse(text, nullptr, false);
-        Json answer = line.is_discarded() ? ErrorJson("line is not JSON") : Evaluate(session, line);
-        std::printf("%s\n", Line(answer).c_str());
-        std::fflush(stdout);
-    }
-    return 0;
-}
-
-bool ParseVector(const std::string& text, Vector64* out) {
-    std::istringstream in(text);
-    Float64 v[3];
-    char comma;
-    if (!(in >> v[0] >> comma) || comma != ',' || !(in >> v[1] >> comma) || comma != ',' ||
-        !(in >> v[2]))
-        return false;
-    *out = {v[0], v[1], v[2]};
-    return true;
+    return RunJsonLines(std::cin, [&session](const Json& line) { return Evaluate(session, line); });
 }
 
 // An orthographic view of the hemisphere from outside: the centre is the normal (or, for a
@@ -363,8 +334,8 @@ bool ParseVector(const std::string& text, Vector64* out) {
 int RunPlot(const GlobalOptions& options, const BSDFOptions& o) {
     if (!StartHost(options)) return 1;
     Vector64 wo;
-    if (!ParseVector(o.wo, &wo)) {
-        std::fprintf(stderr, "quorv: --wo %s is not X,Y,Z\n", o.wo.c_str());
+    if (!ParseVectorText(o.wo, &wo)) {
+        std::fprintf(stderr, "quorv: --wo %s is not X,Y,Z\n", Quote(o.wo).c_str());
         return 1;
     }
     if (o.size < 8 || o.size > 4096) {

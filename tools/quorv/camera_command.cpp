@@ -43,6 +43,7 @@ struct CameraOptions {
     std::string classId;
     std::vector<std::string> params;
     bool rightHanded = false;
+    bool noInit = false;
 };
 
 Json RayToJson(const Ray& r) {
@@ -72,8 +73,8 @@ bool RayFromJson(const Json& j, Ray* r) {
         else if (k == "direction") ok = FromJson(v, &r->direction);
         else if (k == "minDistance") ok = JsonToNumber(v, &r->minDistance);
         else if (k == "maxDistance") ok = JsonToNumber(v, &r->maxDistance);
-        else if (k == "rayWord") ok = v.is_number_unsigned() && (r->rayWord = v.get<UInt>(), true);
-        else if (k == "rayIndex") ok = v.is_number_integer() && (r->rayIndex = v.get<Int32>(), true);
+        else if (k == "rayWord") ok = JsonToInteger(v, &r->rayWord);
+        else if (k == "rayIndex") ok = JsonToInteger(v, &r->rayIndex);
         else if (k == "originDx") ok = FromJson(v, &r->originDx);
         else if (k == "originDy") ok = FromJson(v, &r->originDy);
         else if (k == "directionDx") ok = FromJson(v, &r->directionDx);
@@ -81,8 +82,8 @@ bool RayFromJson(const Json& j, Ray* r) {
         else if (k == "rayWeight") ok = FromJson(v, &r->rayWeight);
         else if (k == "rayValueA") ok = JsonToNumber(v, &r->rayValueA);
         else if (k == "rayValueB") ok = JsonToNumber(v, &r->rayValueB);
-        else if (k == "rayFlagsA") ok = v.is_number_integer() && (r->rayFlagsA = v.get<UInt16>(), true);
-        else if (k == "rayFlagsB") ok = v.is_number_integer() && (r->rayFlagsB = v.get<UInt8>(), true);
+        else if (k == "rayFlagsA") ok = JsonToInteger(v, &r->rayFlagsA);
+        else if (k == "rayFlagsB") ok = JsonToInteger(v, &r->rayFlagsB);
         else ok = false;
         if (!ok) return false;
     }
@@ -168,7 +169,9 @@ Json Evaluate(const CameraRef& cam, const Json& line) {
         }
         Result<DataDictionary> dict = BuildParameters(params);
         if (dict.IsError()) return ErrorJson(ErrorToString(dict.GetErrorPointer()));
-        Int flags = line.value("flags", 0);
+        const Int flags = GetIntegerField<Int>(line, "flags", 0);
+        // Bit 0 (right handed) is the only flag a camera knows; other bits are a caller's mistake.
+        if (flags & ~Int{CAMERA_INIT_RIGHT_HANDED}) throw LineError("\"flags\" must be 0 or 1");
         Result<void> r = cam.Init(dict.GetValue(), flags);
         if (r.IsError()) return ErrorJson(ErrorToString(r.GetErrorPointer()));
         return Json{{"ok", true}};
@@ -215,7 +218,7 @@ Json Evaluate(const CameraRef& cam, const Json& line) {
         {"ScreenToCamera", &CameraRef::ScreenToCamera},
     };
     auto it = conversions.find(op);
-    if (it == conversions.end()) return ErrorJson("unknown op \"" + op + "\"");
+    if (it == conversions.end()) return ErrorJson("unknown op \"" + Quote(op) + "\"");
     if (!needPoint(&p)) return ErrorJson("bad \"point\"");
     return Json{{"result", ToJson((cam.*(it->second))(p))}};
 }
@@ -232,39 +235,22 @@ int RunCamera(const GlobalOptions& options, const CameraOptions& co) {
         std::fprintf(stderr, "quorv: %s\n", ErrorToString(cam.GetErrorPointer()).c_str());
         return 1;
     }
-    std::vector<std::pair<std::string, Json>> params;
-    for (const std::string& p : co.params) {
-        auto eq = p.find('=');
-        if (eq == std::string::npos) {
-            std::fprintf(stderr, "quorv: --param %s is not KEY=JSON\n", p.c_str());
+    if (!co.noInit) {
+        std::vector<std::pair<std::string, Json>> params;
+        if (!ParseParamOptions(co.params, &params)) return 1;
+        Result<DataDictionary> dict = BuildParameters(params);
+        if (dict.IsError()) {
+            std::fprintf(stderr, "quorv: %s\n", ErrorToString(dict.GetErrorPointer()).c_str());
             return 1;
         }
-        Json value = Json::parse(p.substr(eq + 1), nullptr, false);
-        if (value.is_discarded()) {
-            std::fprintf(stderr, "quorv: --param %s: the value is not JSON\n", p.c_str());
+        Result<void> init = cam.GetValue().Init(dict.GetValue(), co.rightHanded ? 1 : 0);
+        if (init.IsError()) {
+            std::fprintf(stderr, "quorv: %s\n", ErrorToString(init.GetErrorPointer()).c_str());
             return 1;
         }
-        params.emplace_back(p.substr(0, eq), value);
     }
-    Result<DataDictionary> dict = BuildParameters(params);
-    if (dict.IsError()) {
-        std::fprintf(stderr, "quorv: %s\n", ErrorToString(dict.GetErrorPointer()).c_str());
-        return 1;
-    }
-    Result<void> init = cam.GetValue().Init(dict.GetValue(), co.rightHanded ? 1 : 0);
-    if (init.IsError()) {
-        std::fprintf(stderr, "quorv: %s\n", ErrorToString(init.GetErrorPointer()).c_str());
-        return 1;
-    }
-    std::string text;
-    while (std::getline(std::cin, text)) {
-        if (text.find_first_not_of(" \t\r") == std::string::npos) continue;
-        Json line = Json::parse(text, nullptr, false);
-        Json answer = line.is_discarded() ? ErrorJson("line is not JSON") : Evaluate(cam.GetValue(), line);
-        std::printf("%s\n", Line(answer).c_str());
-        std::fflush(stdout);
-    }
-    return 0;
+    const CameraRef& camera = cam.GetValue();
+    return RunJsonLines(std::cin, [&camera](const Json& line) { return Evaluate(camera, line); });
 }
 
 }  // namespace
@@ -275,8 +261,14 @@ void AddCameraCommand(CLI::App& app, const GlobalOptions& options, std::function
     cmd->footer(CAMERA_HELP);
     cmd->add_option("--class", co.classId, "Camera class id, e.g. net.quorv.render.cameraclass.perspective")
         ->required();
-    cmd->add_option("--param", co.params, "Init parameter KEY=JSON with the full key id (repeatable)");
-    cmd->add_flag("--right-handed", co.rightHanded, "Pass flags bit 0 (right handed) to Init");
+    auto* param = cmd->add_option("--param", co.params,
+                                  "Init parameter KEY=JSON with the full key id (repeatable)");
+    auto* rightHanded =
+        cmd->add_flag("--right-handed", co.rightHanded, "Pass flags bit 0 (right handed) to Init");
+    cmd->add_flag("--no-init", co.noInit,
+                  "Skip the first Init: operations run on the camera as constructed")
+        ->excludes(param)
+        ->excludes(rightHanded);
     cmd->callback([&options, &run] { run = [&options] { return RunCamera(options, co); }; });
 }
 

@@ -9,6 +9,18 @@ namespace quorv::cli {
 
 namespace {
 
+// The literal id word as 16 hex digits: hash in the low 43 bits, length from bit 44 up.
+std::string IdWordText(std::string_view text) {
+    char word[24];
+    std::snprintf(word, sizeof(word), "0x%016llx",
+                  static_cast<unsigned long long>(LiteralIdWord(text)));
+    return word;
+}
+
+Json IdJson(const std::string& id) {
+    return Json{{"id", id}, {"word", IdWordText(id)}, {"length", id.size()}};
+}
+
 const char* KindName(DATATYPEKIND k) {
     switch (k) {
         case DATATYPEKIND::INVALID: return "invalid";
@@ -23,22 +35,35 @@ const char* KindName(DATATYPEKIND k) {
     return "?";
 }
 
+int RunId(const std::vector<std::string>& texts, bool json) {
+    Json out = Json::array();
+    for (const std::string& t : texts) out.push_back(IdJson(t));
+    if (json) return WriteOutputLine(Line(out)) ? 0 : 1;
+    for (const std::string& t : texts) {
+        std::printf("%s  %6zu  %s\n", IdWordText(t).c_str(), t.size(), t.c_str());
+    }
+    return 0;
+}
+
 int RunClasses(const GlobalOptions& options, bool json) {
     if (!StartHost(options)) return 1;
     host::Host& h = host::Host::Get();
     Json out{{"modules", Json::array()}, {"registries", Json::array()}, {"datatypes", Json::array()}};
-    for (const std::string& id : h.ListModuleIds()) out["modules"].push_back(id);
-    for (const auto& r : h.ListRegistries()) out["registries"].push_back({{"id", r.id}, {"classes", r.entries}});
+    for (const std::string& id : h.ListModuleIds()) out["modules"].push_back(IdJson(id));
+    for (const auto& r : h.ListRegistries()) {
+        Json entry = IdJson(r.id);
+        entry["classes"] = Json::array();
+        for (const auto& e : r.entries) entry["classes"].push_back(IdJson(e));
+        out["registries"].push_back(std::move(entry));
+    }
     for (const auto& t : h.ListDataTypes()) {
-        out["datatypes"].push_back(
-            {{"id", t.id}, {"typeName", t.typeName}, {"size", t.size}, {"kind", KindName(t.kind)}});
+        Json entry = IdJson(t.id);
+        entry.update({{"typeName", t.typeName}, {"size", t.size}, {"kind", KindName(t.kind)}});
+        out["datatypes"].push_back(std::move(entry));
     }
-    if (json) {
-        std::printf("%s\n", out.dump(2).c_str());
-        return 0;
-    }
+    if (json) return WriteOutputLine(out.dump(2)) ? 0 : 1;
     std::printf("Modules:\n");
-    for (const auto& m : out["modules"]) std::printf("  %s\n", m.get<std::string>().c_str());
+    for (const std::string& id : h.ListModuleIds()) std::printf("  %s\n", id.c_str());
     std::printf("Registries:\n");
     for (const auto& r : h.ListRegistries()) {
         std::printf("  %s\n", r.id.c_str());
@@ -60,6 +85,19 @@ void AddClassesCommand(CLI::App& app, const GlobalOptions& options, std::functio
     static bool json = false;
     cmd->add_flag("--json", json, "Write JSON instead of text");
     cmd->callback([&options, &run] { run = [&options] { return RunClasses(options, json); }; });
+}
+
+void AddIdCommand(CLI::App& app, std::function<int()>& run) {
+    auto* cmd = app.add_subcommand(
+        "id", "Print the literal id word (hex) and the length of each text; no module is loaded");
+    static std::vector<std::string> texts;
+    static bool json = false;
+    cmd->add_option("TEXT", texts, "Id texts, e.g. net.quorv.render.interface.ies")->required();
+    cmd->add_flag("--json", json, "One JSON array of {id, word, length}");
+    cmd->footer(
+        "The word holds the 43-bit hash h = h*31 + byte in its low bits and the length from\n"
+        "bit 44 up; it is what records and registries compare first.");
+    cmd->callback([&run] { run = [] { return RunId(texts, json); }; });
 }
 
 }  // namespace quorv::cli

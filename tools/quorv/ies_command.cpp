@@ -58,18 +58,23 @@ const char* ShapeName(AREALIGHTSHAPE s) {
     return i >= 0 && i < 10 ? NAMES[i] : "?";
 }
 
+void PrintFileError(const std::string& file, const ErrorObject* e) {
+    std::fprintf(stderr, "quorv: %s: %s\n", file.c_str(),
+                 e->message ? e->message : ErrorToString(e).c_str());
+}
+
 // Loads the module and the web; prints the error and answers null on failure.
 IesRef Load(const GlobalOptions& options, const std::string& file) {
     if (!StartHost(options)) return {};
+    // Messages name the file; the reader's own text (e.g. "IES Header incomplete") stays exact.
     Result<Url> url = Url::FromText(file);
     if (url.IsError()) {
-        std::fprintf(stderr, "%s\n", url.GetErrorPointer()->message);
+        PrintFileError(file, url.GetErrorPointer());
         return {};
     }
     Result<IesRef> ies = IesRef::Load(url.GetValue());
     if (ies.IsError()) {
-        ErrorObject* e = ies.GetErrorPointer();
-        std::fprintf(stderr, "%s\n", e->message ? e->message : ErrorToString(e).c_str());
+        PrintFileError(file, ies.GetErrorPointer());
         return {};
     }
     return ies.GetValue();
@@ -137,7 +142,7 @@ int RunText(const GlobalOptions& options, const IesOptions& o) {
     if (!ies) return 1;
     Result<String> text = IesInterface::ConvertToText(ies.Get());
     if (text.IsError()) {
-        std::fprintf(stderr, "%s\n", ErrorToString(text.GetErrorPointer()).c_str());
+        PrintFileError(o.file, text.GetErrorPointer());
         return 1;
     }
     std::cout << ToBit8(text.GetValue().ToUtf8());
@@ -147,19 +152,13 @@ int RunText(const GlobalOptions& options, const IesOptions& o) {
 int RunIntensity(const GlobalOptions& options, const IesOptions& o) {
     IesRef ies = Load(options, o.file);
     if (!ies) return 1;
-    std::string line;
-    while (std::getline(std::cin, line)) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-        Json in = Json::parse(line, nullptr, false);
-        if (in.is_object() && in.contains("direction")) in = in["direction"];
+    const IesImpl* web = ies.Get();
+    return RunJsonLines(std::cin, [web](const Json& line) {
+        const Json& in = line.is_object() && line.contains("direction") ? line["direction"] : line;
         Vector64 d;
-        if (in.is_discarded() || !FromJson(in, &d)) {
-            std::cout << Line(ErrorJson("expected [x,y,z] or {\"direction\":[x,y,z]}")) << "\n";
-            continue;
-        }
-        std::cout << Line(NumberToJson(IesInterface::ComputeLightIntensity(ies.Get(), d))) << "\n";
-    }
-    return 0;
+        if (!FromJson(in, &d)) return ErrorJson("expected [x,y,z] or {\"direction\":[x,y,z]}");
+        return NumberToJson(IesInterface::ComputeLightIntensity(web, d));
+    });
 }
 
 int RunPreview(const GlobalOptions& options, const IesOptions& o) {

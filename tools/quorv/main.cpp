@@ -2,7 +2,9 @@
 // capability.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -65,10 +67,19 @@ int main(int argc, char** argv) {
     AddCameraCommand(app, options, run);
     AddIesCommand(app, options, run);
     AddBSDFCommand(app, options, run);
+    AddIdCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
-    return run ? run() : 1;
+    int rc = run ? run() : 1;
+    // Output that could not be written is a failure, even when it was buffered until the end
+    // (e.g. `quorv ies text F > /dev/full`).
+    std::cout.flush();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) || !std::cout) {
+        if (rc == 0) std::fprintf(stderr, "quorv: cannot write standard output: %s\n", std::strerror(errno));
+        rc = rc == 0 ? 1 : rc;
+    }
+    return rc;
 }

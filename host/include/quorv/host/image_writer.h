@@ -13,7 +13,9 @@ namespace quorv::host {
 /// rows top to bottom, to `path`. The suffix picks the format: ".png" stores each value clamped
 /// to [0, 1] and rounded to 8 bits (NaN as 0), ".exr" stores the floats as they are. Another
 /// suffix or bad sizes give an illegal-argument error naming the file; a failure to write gives
-/// "net.quorv.error.io" with the library's reason. Thread safe.
+/// "net.quorv.error.io" with the library's or the system's reason. The file appears whole or
+/// not at all (`WriteFileAtomically`): on failure an existing file of that name is untouched.
+/// Thread safe.
 Result<void> WriteImage(const std::string& path, Int width, Int height, Int channels,
                         const Float32* pixels);
 
