@@ -27,11 +27,17 @@ void StartHost() {
     (void)started;
 }
 
-IesImpl* LoadShared(const std::string& name) {
+// A real web of the shared folder; null, with the benchmark skipped, when it cannot be read
+// (a clone without the shared folder beside it).
+IesImpl* LoadShared(benchmark::State& state, const std::string& name) {
     StartHost();
     IesImpl* ies = ies::Alloc(QUORV_SOURCE_LOCATION);
     Result<Url> url = Url::FromText(SHARED + name);
-    if (url.IsError() || ies::Init(ies, url.GetValue().GetObject()).IsError()) std::abort();
+    if (url.IsError() || ies::Init(ies, url.GetValue().GetObject()).IsError()) {
+        ies::Free(ies);
+        state.SkipWithError(("cannot read the real web " + SHARED + name).c_str());
+        return nullptr;
+    }
     return ies;
 }
 
@@ -48,7 +54,8 @@ std::vector<Vector64> Directions() {
 }
 
 void Query(benchmark::State& state, const char* file) {
-    IesImpl* ies = LoadShared(file);
+    IesImpl* ies = LoadShared(state, file);
+    if (!ies) return;
     const std::vector<Vector64> dirs = Directions();
     size_t i = 0;
     Float64 sum = 0;
@@ -90,7 +97,8 @@ void BM_ReadLargeWeb(benchmark::State& state) {
 }
 
 void BM_GeneratePreviewImage512(benchmark::State& state) {
-    IesImpl* ies = LoadShared("rp_medium_scatter.ies");
+    IesImpl* ies = LoadShared(state, "rp_medium_scatter.ies");
+    if (!ies) return;
     tbb::global_control limit(tbb::global_control::max_allowed_parallelism,
                               static_cast<size_t>(state.range(0)));
     std::vector<Float32> pixels(512 * 512);

@@ -267,9 +267,14 @@ Result<void> BlurrySpecularBRDFImpl::Init(const DataDictionary& params, const vo
         params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_BLURRY_FALLOFF_SHIFT), 0.0);
     const Float64 power =
         params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_BLURRY_FALLOFF_POWER), 0.0);
-    if (lobe == reflectedLobe && r == roughness && shift == falloffShift && power == falloffPower) {
+    // A new object computes at its first Init even with the default inputs, so that roughness
+    // -1.0 gives its negative exponent (t = -0.9999) and a lobe that is zero everywhere. After a
+    // Reset the object is no longer new: a default Init then stops here, keeping exponent 0.
+    if (computed && lobe == reflectedLobe && r == roughness && shift == falloffShift &&
+        power == falloffPower) {
         return OK;
     }
+    computed = true;
     reflectedLobe = lobe;
     roughness = r;
     falloffShift = shift;
@@ -300,6 +305,7 @@ Result<void> BlurrySpecularBRDFImpl::Init(const DataDictionary& params, const vo
 
 Result<void> BlurrySpecularBRDFImpl::Reset() {
     *this = BlurrySpecularBRDFImpl();
+    computed = true;
     return OK;
 }
 

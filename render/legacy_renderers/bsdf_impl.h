@@ -94,6 +94,10 @@ struct BlurrySpecularBRDFImpl : BSDFLegacyDefaults {
     Float64 shiftScale = 0.0;
     Float64 shiftAngle = 0.0;
     Float64 cut = 0.0;
+    /// Set by the first `Init`: until then the change test must not stop it, since the state
+    /// of a new object already holds the default inputs (roughness -1.0) but none of the
+    /// values derived from them.
+    Bool computed = false;
 
     Result<void> Init(const DataDictionary& params, const void* data);
     Result<void> Reset();

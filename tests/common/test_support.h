@@ -4,9 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "quorv/host/host.h"
+
+/// Skips the running test, with the reason, when the shared folder of real-world files (which
+/// nobody here wrote and a plain clone lacks) is absent.
+#define QUORV_SKIP_WITHOUT_SHARED_TESTDATA()                                                   \
+    if (!std::filesystem::is_directory(QUORV_SHARED_TESTDATA_DIR))                            \
+    GTEST_SKIP() << "the real-world files of " << QUORV_SHARED_TESTDATA_DIR                    \
+                 << " are absent (a clone without the shared folder beside it)"
 
 namespace quorv::test {
 

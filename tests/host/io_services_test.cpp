@@ -35,7 +35,7 @@ struct Lexer {
 };
 
 TEST(Lexer, SymbolsNumbersAndLines) {
-    Lexer l("word_1 -2.5e3, +7 [x] .5\n\n 3E-2 1e 9.");
+    Lexer l("word_1 -2.5e3, +7 [x] .5\n\n 3E-2 1e 9. 4.5e+1");
     using S = LEXERSYMBOL;
     EXPECT_EQ(l.Next(), S::IDENTIFIER);
     EXPECT_EQ(l.Ident(), "word_1");
@@ -63,6 +63,10 @@ TEST(Lexer, SymbolsNumbersAndLines) {
     EXPECT_EQ(l.Next(), S::IDENTIFIER);
     EXPECT_EQ(l.Next(), S::NUMBER);
     EXPECT_EQ(LexerInterface::GetFloat(l.p).GetValue(), 9.0);
+    // An exponent with its sign written out, as writers of photometric files often do.
+    EXPECT_EQ(l.Next(), S::NUMBER);
+    EXPECT_EQ(LexerInterface::GetFloat(l.p).GetValue(), 45.0);
+    EXPECT_EQ(LexerInterface::GetInt(l.p).GetValue(), 45);
     EXPECT_EQ(l.Next(), S::ENDOFFILE);
     EXPECT_EQ(l.Next(), S::ENDOFFILE);
     EXPECT_STREQ(LexerInterface::GetFloat(l.p).GetErrorPointer()->message,
