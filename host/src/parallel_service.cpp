@@ -1,5 +1,7 @@
 // Parallel loops on oneTBB: dynamic partitions (auto partitioner over a blocked range with the
 // caller's grain size), the worker index from the task arena.
+#include <new>
+#include <stdexcept>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
@@ -49,8 +51,12 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
                 }
             },
             tbb::auto_partitioner(), context);
-    } catch (...) {
+    } catch (const std::bad_alloc&) {
         return OutOfMemoryError();
+    } catch (const std::exception& e) {
+        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, e.what());
+    } catch (...) {
+        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, "Unexpected failure in a parallel loop");
     }
     return first;
 }
