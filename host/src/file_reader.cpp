@@ -24,6 +24,13 @@ Result<std::string> ReadWholeFile(const std::string& path) {
         close(fd);
         return fail(error);
     }
+    auto tooLarge = [&]() -> Error {
+        close(fd);
+        return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
+                               FormatMessage("Cannot read @: larger than @ bytes",
+                                             {path, std::to_string(MAX_READ_BYTES)}));
+    };
+    if (S_ISREG(st.st_mode) && st.st_size > MAX_READ_BYTES) return tooLarge();
     std::string bytes;
     try {
         if (S_ISREG(st.st_mode)) bytes.reserve(static_cast<size_t>(st.st_size));
@@ -37,6 +44,7 @@ Result<std::string> ReadWholeFile(const std::string& path) {
                 return fail(error);
             }
             if (n == 0) break;
+            if (static_cast<Int>(bytes.size()) + n > MAX_READ_BYTES) return tooLarge();
             bytes.append(chunk, static_cast<size_t>(n));
         }
     } catch (const std::bad_alloc&) {

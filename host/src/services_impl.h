@@ -92,8 +92,13 @@ auto GuardAllocation(F&& body) noexcept -> decltype(body()) {
     }
 }
 
+/// Largest file `ReadWholeFile` reads: far above any text the services read, low enough that an
+/// endless source (/dev/zero, a pipe that never ends) is refused instead of filling memory.
+constexpr Int MAX_READ_BYTES = Int{256} << 20;
+
 /// The bytes of the file at `path`. Errors are "net.quorv.error.io" naming the path and the
-/// system's reason: "Cannot read PATH: Is a directory", "...: Permission denied", ...
+/// system's reason: "Cannot read PATH: Is a directory", "...: Permission denied", or
+/// "...: larger than 268435456 bytes" past MAX_READ_BYTES.
 Result<std::string> ReadWholeFile(const std::string& path);
 
 /// Writes `text` into `buffer` the way the text getters of the services do: all of it and a

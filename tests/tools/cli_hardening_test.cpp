@@ -252,6 +252,10 @@ TEST(ModuleFiles, ReadFailuresAreIoErrorsNamingThePath) {
     std::string err = test::RunCommand(CLI + " ies info " + dir.path.string() + " 2>&1", &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(err, "quorv: " + dir.path.string() + ": Cannot read " + dir.path.string() + ": Is a directory\n");
+    // An endless source is refused at the read limit, not read until memory runs out.
+    err = test::RunCommand(CLI + " ies info /dev/zero 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(err, "quorv: /dev/zero: Cannot read /dev/zero: larger than 268435456 bytes\n");
     // A file url is percent-decoded: "%20" is the blank of the name.
     fs::copy_file(EXAMPLE, dir / "a b.ies");
     test::RunCommand(CLI + " ies info 'file://" + dir.path.string() + "/a%20b.ies'", &status);
