@@ -8,6 +8,8 @@
 
 #include "commands.h"
 #include "jsonio.h"
+#include "values.h"
+#include "quorv/host/batch.h"
 #include "quorv/host/host.h"
 #include "quorv/host/image_writer.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
@@ -46,7 +48,7 @@ KEY is an integer key or its name: 1001 BSDF_PARAM_ROUGHNESS, 1002 BSDF_PARAM_AN
 1020 BSDF_PARAM_BLURRY_FALLOFF_POWER. With --cache, every Init also passes the run's one
 SamplerCache under 1000 (BSDF_PARAM_DISTRIBUTION_CACHE).)";
 
-constexpr Int SAMPLE_TABLE_SIZE = 65536;
+constexpr Int SAMPLE_TABLE_SIZE = host::BSDF_SAMPLE_TABLE_SIZE;
 
 struct BSDFOptions {
     std::string classId;
@@ -57,36 +59,10 @@ struct BSDFOptions {
     Int size = 256;
 };
 
-struct KeyInfo {
-    const char* name;
-    Int32 key;
-    bool isBool;
-};
-
-const KeyInfo KEYS[] = {
-    {"BSDF_PARAM_ROUGHNESS", BSDF_PARAM_ROUGHNESS, false},
-    {"BSDF_PARAM_ANISOTROPY", BSDF_PARAM_ANISOTROPY, false},
-    {"BSDF_PARAM_ANISOTROPY_ANGLE", BSDF_PARAM_ANISOTROPY_ANGLE, false},
-    {"BSDF_PARAM_ORENNAYAR_ROUGHNESS", BSDF_PARAM_ORENNAYAR_ROUGHNESS, false},
-    {"BSDF_PARAM_ORENNAYAR_SIMPLE", BSDF_PARAM_ORENNAYAR_SIMPLE, true},
-    {"BSDF_PARAM_BLURRY_REFLECTED_LOBE", BSDF_PARAM_BLURRY_REFLECTED_LOBE, true},
-    {"BSDF_PARAM_BLURRY_ROUGHNESS", BSDF_PARAM_BLURRY_ROUGHNESS, false},
-    {"BSDF_PARAM_BLURRY_FALLOFF_SHIFT", BSDF_PARAM_BLURRY_FALLOFF_SHIFT, false},
-    {"BSDF_PARAM_BLURRY_FALLOFF_POWER", BSDF_PARAM_BLURRY_FALLOFF_POWER, false},
-};
-
-const KeyInfo* FindKey(const std::string& text) {
-    for (const KeyInfo& k : KEYS) {
-        if (text == k.name || text == std::to_string(k.key)) return &k;
-    }
-    return nullptr;
-}
-
 // The class, its dictionary inputs and the one cache of the run.
 struct Session {
     BSDFLegacyRef bsdf;
     std::unique_ptr<SamplerCache> cache;
-    std::vector<BSDFCachedSample> table;
 };
 
 Json ColorToJson(const Color64& c) {
@@ -105,11 +81,11 @@ Json SampleToJson(const BSDFCachedSample& s) {
                 {"sinTheta", NumberToJson(s.sinTheta)}};
 }
 
-bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out) {
+bool SampleFromJson(const Json& j, BSDFCachedSample* out) {
     if (j.is_number()) {
         Int i;
         if (!JsonToInteger(j, &i) || i < 0 || i >= SAMPLE_TABLE_SIZE) return false;
-        *out = session.table[static_cast<size_t>(i)];
+        *out = host::BSDFSampleTable()[static_cast<size_t>(i)];
         return true;
     }
     if (!j.is_object()) return false;
@@ -141,48 +117,6 @@ bool SampleFromJson(const Session& session, const Json& j, BSDFCachedSample* out
     return true;
 }
 
-// A dictionary from integer keys (or their names) to numbers or booleans, with the run's cache.
-Result<DataDictionary> BuildBSDFParameters(const std::vector<std::pair<std::string, Json>>& params,
-                                           SamplerCache* cache) {
-    Result<DataDictionary> created = DataDictionary::Create();
-    if (created.IsError()) return created;
-    DataDictionary dict = created.GetValue();
-    for (const auto& [key, value] : params) {
-        const KeyInfo* k = FindKey(key);
-        if (!k) {
-            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                             FormatMessage("Unknown BSDF parameter key @", {key}));
-        }
-        Data data;
-        if (k->isBool) {
-            if (!value.is_boolean()) {
-                return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                                 FormatMessage("Parameter @ needs true or false", {key}));
-            }
-            data = Data::Of<Bool>(value.get<bool>());
-        } else {
-            Float64 v;
-            if (!JsonToNumber(value, &v)) {
-                return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                                 FormatMessage("Parameter @ needs a number", {key}));
-            }
-            data = Data::Of<Float64>(v);
-        }
-        if (data.IsEmpty()) return MakeError(ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION);
-        QUORV_RETURN_IF_ERROR(dict.SetData(DataDictionaryKey(k->key), data));
-    }
-    if (cache) {
-        Data handle = Data::Of(SamplerCachePointer{cache});
-        if (handle.IsEmpty()) {
-            return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                             "The module does not register the sampler cache pointer type");
-        }
-        QUORV_RETURN_IF_ERROR(
-            dict.SetData(DataDictionaryKey(BSDF_PARAM_DISTRIBUTION_CACHE), handle));
-    }
-    return dict;
-}
-
 Json Evaluate(Session& session, const Json& line) {
     if (!line.is_object() || !line.contains("op") || !line["op"].is_string()) {
         return ErrorJson("each line must be an object with a string \"op\"");
@@ -198,10 +132,11 @@ Json Evaluate(Session& session, const Json& line) {
         BSDFCachedSample s;
         if (!vec("wo", &wo, true)) return ErrorJson("bad \"wo\"");
         if (!vec("wi", &wi, false)) return ErrorJson("bad \"wi\"");
-        if (!line.contains("sample") || !SampleFromJson(session, line["sample"], &s))
+        if (!line.contains("sample") || !SampleFromJson(line["sample"], &s))
             return ErrorJson("bad \"sample\"");
         Float64 pdf = 0.0;
-        const Color64 f = b.SampleF(wo, {0.0, 0.0, 1.0}, s, wi, pdf);
+        Color64 f;
+        host::BSDFSampleBatch(b, &wo, 0, &s, &wi, &f, &pdf, 1);
         return Json{{"value", ColorToJson(f)},
                     {"pdf", NumberToJson(pdf)},
                     {"wi", ToJson(wi)},
@@ -214,7 +149,8 @@ Json Evaluate(Session& session, const Json& line) {
         Vector64 wiSide = wi;
         if (!vec("wiSide", &wiSide, false)) return ErrorJson("bad \"wiSide\"");
         Float64 pdf = 0.0;
-        const Color64 f = b.ComputeBSDF(wo, wiSide, wi, pdf);
+        Color64 f;
+        host::BSDFEvaluateBatch(b, &wo, 0, &wi, &wiSide, &f, &pdf, 1);
         return Json{{"value", ColorToJson(f)}, {"pdf", NumberToJson(pdf)}};
     }
     if (op == "PdfIndirect") {
@@ -225,7 +161,7 @@ Json Evaluate(Session& session, const Json& line) {
     }
     if (op == "ComputeAngle") {
         BSDFCachedSample s;
-        if (!line.contains("sample") || !SampleFromJson(session, line["sample"], &s))
+        if (!line.contains("sample") || !SampleFromJson(line["sample"], &s))
             return ErrorJson("bad \"sample\"");
         return Json{{"angle", NumberToJson(b.ComputeAngle(s))}};
     }
@@ -321,10 +257,6 @@ int RunEval(const GlobalOptions& options, const BSDFOptions& o) {
     if (!StartHost(options)) return 1;
     Session session;
     if (!OpenSession(o, session)) return 1;
-    BSDFRandom random;
-    random.Seed(BSDF_RANDOM_SEED);
-    session.table.resize(SAMPLE_TABLE_SIZE);
-    for (auto& s : session.table) s = random.NextSample();
     return RunJsonLines(std::cin, [&session](const Json& line) { return Evaluate(session, line); });
 }
 

@@ -5,6 +5,8 @@
 
 #include "commands.h"
 #include "jsonio.h"
+#include "values.h"
+#include "quorv/host/batch.h"
 #include "quorv/host/host.h"
 #include "render/cameras/camera.h"
 
@@ -115,44 +117,6 @@ bool PointFromJson(const Json& j, ShadingPoint* p) {
     return true;
 }
 
-// A dictionary from {key id: JSON value}; each key must be a declared key of a loaded module.
-Result<DataDictionary> BuildParameters(const std::vector<std::pair<std::string, Json>>& params) {
-    std::map<std::string, std::string> keyTypes;
-    for (auto& [key, type] : host::Host::Get().ListDictionaryKeys()) keyTypes[key] = type;
-    Result<DataDictionary> created = DataDictionary::Create();
-    if (created.IsError()) return created;
-    DataDictionary dict = created.GetValue();
-    for (const auto& [key, value] : params) {
-        auto it = keyTypes.find(key);
-        if (it == keyTypes.end()) {
-            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                             FormatMessage("Unknown parameter key @", {key}));
-        }
-        Result<Data> data = JsonToData(value, it->second);
-        if (data.IsError()) return data.GetError();
-        QUORV_RETURN_IF_ERROR(dict.SetData(LiteralId(it->first.c_str()), data.GetValue()));
-    }
-    return dict;
-}
-
-Json DictionaryToJson(const DataDictionary& d) {
-    Json out = Json::object();
-    const DataDictionaryObject* obj = d.GetReadable();
-    if (!obj) return out;
-    DataDictionaryIteratorState it;
-    DataDictionaryInterface::InitIterator(obj, &it);
-    while (DataDictionaryInterface::IteratorHasValue(&it)) {
-        DataDictionaryKey key;
-        Data value;
-        if (DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value)) {
-            out[key.ToString()] = DataToJson(value);
-        }
-        DataDictionaryInterface::IteratorMoveToNext(&it);
-    }
-    DataDictionaryInterface::IteratorDestruct(&it);
-    return out;
-}
-
 // One operation line; throws nothing, answers an error object on bad input.
 Json Evaluate(const CameraRef& cam, const Json& line) {
     if (!line.is_object() || !line.contains("op") || !line["op"].is_string()) {
@@ -167,7 +131,7 @@ Json Evaluate(const CameraRef& cam, const Json& line) {
             if (!given.is_object()) return ErrorJson("\"params\" must be an object");
             for (auto it = given.begin(); it != given.end(); ++it) params.emplace_back(it.key(), it.value());
         }
-        Result<DataDictionary> dict = BuildParameters(params);
+        Result<DataDictionary> dict = BuildCameraParameters(params);
         if (dict.IsError()) return ErrorJson(ErrorToString(dict.GetErrorPointer()));
         const Int flags = GetIntegerField<Int>(line, "flags", 0);
         // Bit 0 (right handed) is the only flag a camera knows; other bits are a caller's mistake.
@@ -190,7 +154,7 @@ Json Evaluate(const CameraRef& cam, const Json& line) {
         if (!FromJson(line.value("screen", Json()), &s)) return ErrorJson("bad \"screen\"");
         if (!RayFromJson(line.value("ray", Json()), &ray)) return ErrorJson("bad \"ray\"");
         if (op == "CreateScreenRay") {
-            cam.CreateScreenRay(s, ray);
+            host::CameraRayBatch(cam, &s, &ray, 1);
             return Json{{"ray", RayToJson(ray)}};
         }
         if (!PointFromJson(line.value("point", Json()), &point)) return ErrorJson("bad \"point\"");
@@ -238,7 +202,7 @@ int RunCamera(const GlobalOptions& options, const CameraOptions& co) {
     if (!co.noInit) {
         std::vector<std::pair<std::string, Json>> params;
         if (!ParseParamOptions(co.params, &params)) return 1;
-        Result<DataDictionary> dict = BuildParameters(params);
+        Result<DataDictionary> dict = BuildCameraParameters(params);
         if (dict.IsError()) {
             std::fprintf(stderr, "quorv: %s\n", ErrorToString(dict.GetErrorPointer()).c_str());
             return 1;

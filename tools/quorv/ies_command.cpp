@@ -7,13 +7,10 @@
 
 #include "commands.h"
 #include "jsonio.h"
+#include "values.h"
+#include "quorv/host/batch.h"
 #include "quorv/host/image_writer.h"
 #include "render/photometric/ies.h"
-
-namespace quorv {
-// This binary's table of the module's interface, bound when the module is loaded.
-QUORV_DEFINE_NONVIRTUAL_INTERFACE(IesInterface)
-}  // namespace quorv
 
 namespace quorv::cli {
 
@@ -30,33 +27,6 @@ struct IesOptions {
     std::string output;
     Int size = 512;
 };
-
-const char* VersionName(IESVERSION v) {
-    switch (v) {
-        case IESVERSION::V1986: return "V1986";
-        case IESVERSION::V1991: return "V1991";
-        case IESVERSION::V1995: return "V1995";
-        case IESVERSION::V2002: return "V2002";
-    }
-    return "?";
-}
-
-const char* TiltName(IESTILT t) {
-    switch (t) {
-        case IESTILT::UNKNOWN: return "UNKNOWN";
-        case IESTILT::NONE: return "NONE";
-        case IESTILT::INCLUDE: return "INCLUDE";
-        case IESTILT::FILE: return "FILE";
-    }
-    return "?";
-}
-
-const char* ShapeName(AREALIGHTSHAPE s) {
-    static const char* const NAMES[] = {"NONE", "DISC",       "RECTANGLE", "SPHERE", "CYLINDER",
-                                        "CUBE", "HEMISPHERE", "OBJECT",    "LINE",   "PCYLINDER"};
-    auto i = static_cast<Int32>(s);
-    return i >= 0 && i < 10 ? NAMES[i] : "?";
-}
 
 void PrintFileError(const std::string& file, const ErrorObject* e) {
     std::fprintf(stderr, "quorv: %s: %s\n", file.c_str(),
@@ -80,50 +50,10 @@ IesRef Load(const GlobalOptions& options, const std::string& file) {
     return ies.GetValue();
 }
 
-// The text as a file holds it: one byte per character.
-std::string ToBit8(const std::string& utf8) {
-    std::string out;
-    for (size_t i = 0; i < utf8.size(); ++i) {
-        auto c = static_cast<unsigned char>(utf8[i]);
-        if ((c & 0xE0) == 0xC0 && i + 1 < utf8.size()) {
-            out.push_back(static_cast<char>(((c & 0x1F) << 6) | (utf8[++i] & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out;
-}
-
 int RunInfo(const GlobalOptions& options, const IesOptions& o) {
     IesRef ies = Load(options, o.file);
     if (!ies) return 1;
-    const DataDictionary& p = *IesInterface::GetProperties(ies.Get());
-    const Vector64 size = p.Get<Vector64>(IesPropertySize, Vector64{});
-    char checksum[16];
-    std::snprintf(checksum, sizeof(checksum), "%08x", IesInterface::GetChecksum(ies.Get()));
-    struct Text {
-        const char* name;
-        Int32 key;
-    } texts[] = {{"manufacturer", IesPropertyManufacturer},
-                 {"luminaireCatalog", IesPropertyLuminaireCatalog},
-                 {"luminaire", IesPropertyLuminaire},
-                 {"lampCatalog", IesPropertyLampCatalog},
-                 {"lamp", IesPropertyLamp}};
-    // In this order on the text form; the JSON form is an object.
-    std::vector<std::pair<std::string, Json>> fields{
-        {"version", VersionName(p.Get<IESVERSION>(IesPropertyVersion, IESVERSION::V1986))},
-        {"tilt", TiltName(p.Get<IESTILT>(IesPropertyTilt, IESTILT::UNKNOWN))}};
-    for (const Text& t : texts) {
-        Data d = p.GetData(t.key);
-        if (const auto* s = d.Get<std::string>()) fields.emplace_back(t.name, *s);
-    }
-    fields.emplace_back("shape", ShapeName(p.Get<AREALIGHTSHAPE>(IesPropertyShape, AREALIGHTSHAPE::NONE)));
-    fields.emplace_back("size", ToJson(size));
-    fields.emplace_back("nV", ies->_anglesVertical.GetCount());
-    fields.emplace_back("nH", ies->_anglesHorizontal.GetCount());
-    fields.emplace_back("maxIntensity", NumberToJson(p.Get<Float64>(IesPropertyMaxIntensity, 0.0)));
-    fields.emplace_back("lightPowerRatio", NumberToJson(IesInterface::GetLightPowerRatio(ies.Get())));
-    fields.emplace_back("checksum", std::string("0x") + checksum);
+    const std::vector<std::pair<std::string, Json>> fields = DescribeIes(ies);
     if (o.json) {
         Json j = Json::object();
         for (const auto& [key, value] : fields) j[key] = value;
@@ -157,7 +87,9 @@ int RunIntensity(const GlobalOptions& options, const IesOptions& o) {
         const Json& in = line.is_object() && line.contains("direction") ? line["direction"] : line;
         Vector64 d;
         if (!FromJson(in, &d)) return ErrorJson("expected [x,y,z] or {\"direction\":[x,y,z]}");
-        return NumberToJson(IesInterface::ComputeLightIntensity(web, d));
+        Float64 intensity;
+        host::IesIntensityBatch(web, &d, &intensity, 1);
+        return NumberToJson(intensity);
     });
 }
 
