@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
+#include <type_traits>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -134,26 +135,19 @@ Rows AsRows(const py::handle& object, const char* name, py::ssize_t width, bool 
     return r;
 }
 
-std::vector<Vector64> ToVectors(const Rows& r) {
-    std::vector<Vector64> v(static_cast<size_t>(r.count));
-    const double* p = r.data.data();
-    for (size_t i = 0; i < v.size(); ++i) v[i] = {p[3 * i], p[3 * i + 1], p[3 * i + 2]};
-    return v;
+// Vectors and colours are three Float64 in a row, like a row of a C-ordered (N, 3) array of
+// doubles: the batches read and write the arrays' own buffers, with no copy on either side.
+static_assert(sizeof(Vector64) == 3 * sizeof(double) && std::is_standard_layout_v<Vector64>);
+static_assert(sizeof(Color64) == 3 * sizeof(double) && std::is_standard_layout_v<Color64>);
+
+const Vector64* AsVectors(const Rows& r) { return reinterpret_cast<const Vector64*>(r.data.data()); }
+
+py::array_t<double> NewRows(Int count) {
+    return py::array_t<double>({static_cast<py::ssize_t>(count), py::ssize_t{3}});
 }
 
-py::array_t<double> VectorsToArray(const std::vector<Vector64>& v) {
-    py::array_t<double> out({static_cast<py::ssize_t>(v.size()), py::ssize_t{3}});
-    double* p = out.mutable_data();
-    for (size_t i = 0; i < v.size(); ++i) p[3 * i] = v[i].x, p[3 * i + 1] = v[i].y, p[3 * i + 2] = v[i].z;
-    return out;
-}
-
-py::array_t<double> ColorsToArray(const std::vector<Color64>& c) {
-    py::array_t<double> out({static_cast<py::ssize_t>(c.size()), py::ssize_t{3}});
-    double* p = out.mutable_data();
-    for (size_t i = 0; i < c.size(); ++i) p[3 * i] = c[i].r, p[3 * i + 1] = c[i].g, p[3 * i + 2] = c[i].b;
-    return out;
-}
+Vector64* AsVectors(py::array_t<double>& a) { return reinterpret_cast<Vector64*>(a.mutable_data()); }
+Color64* AsColors(py::array_t<double>& a) { return reinterpret_cast<Color64*>(a.mutable_data()); }
 
 // ---- objects -----------------------------------------------------------------------------------
 
@@ -173,9 +167,10 @@ struct Camera {
         }
         py::dict out;
         auto column = [&](const char* name, Vector64 Ray::*member) {
-            std::vector<Vector64> v(rays.size());
-            for (size_t i = 0; i < v.size(); ++i) v[i] = rays[i].*member;
-            out[name] = VectorsToArray(v);
+            py::array_t<double> a = NewRows(rows.count);
+            Vector64* v = AsVectors(a);
+            for (size_t i = 0; i < rays.size(); ++i) v[i] = rays[i].*member;
+            out[name] = a;
         };
         column("origin", &Ray::origin);
         column("direction", &Ray::direction);
@@ -199,15 +194,16 @@ struct BSDF {
             throw py::value_error("wo and wi must have the same length, not " + ShapeText(wo.data) +
                                   " and " + ShapeText(wi.data));
         }
-        const std::vector<Vector64> o = ToVectors(wo), i = ToVectors(wi);
-        std::vector<Color64> values(i.size());
-        py::array_t<double> pdfs(static_cast<py::ssize_t>(i.size()));
+        py::array_t<double> values = NewRows(wi.count);
+        py::array_t<double> pdfs(static_cast<py::ssize_t>(wi.count));
+        Color64* v = AsColors(values);
+        double* p = pdfs.mutable_data();
         {
             py::gil_scoped_release release;
-            host::BSDFEvaluateBatch(ref, o.data(), wo.single ? 0 : 1, i.data(), nullptr,
-                                    values.data(), pdfs.mutable_data(), wi.count);
+            host::BSDFEvaluateBatch(ref, AsVectors(wo), wo.single ? 0 : 1, AsVectors(wi), nullptr, v,
+                                    p, wi.count);
         }
-        return py::make_tuple(ColorsToArray(values), pdfs);
+        return py::make_tuple(values, pdfs);
     }
 
     py::tuple Sample(const py::handle& woIn, const py::handle& samplesIn) const {
@@ -234,16 +230,17 @@ struct BSDF {
             }
             records[static_cast<size_t>(k)] = table[static_cast<size_t>(index)];
         }
-        const std::vector<Vector64> o = ToVectors(wo);
-        std::vector<Vector64> wi(records.size(), Vector64{0.0, 0.0, 0.0});
-        std::vector<Color64> values(records.size());
+        py::array_t<double> wi = NewRows(n), values = NewRows(n);
         py::array_t<double> pdfs(static_cast<py::ssize_t>(n));
+        Vector64* w = AsVectors(wi);
+        Color64* v = AsColors(values);
+        double* p = pdfs.mutable_data();
         {
             py::gil_scoped_release release;
-            host::BSDFSampleBatch(ref, o.data(), wo.single ? 0 : 1, records.data(), wi.data(),
-                                  values.data(), pdfs.mutable_data(), n);
+            std::fill(w, w + n, Vector64{0.0, 0.0, 0.0});
+            host::BSDFSampleBatch(ref, AsVectors(wo), wo.single ? 0 : 1, records.data(), w, v, p, n);
         }
-        return py::make_tuple(ColorsToArray(values), pdfs, VectorsToArray(wi));
+        return py::make_tuple(values, pdfs, wi);
     }
 };
 
@@ -261,11 +258,11 @@ struct Ies {
 
     py::array_t<double> Intensity(const py::handle& directions) const {
         const Rows rows = AsRows(directions, "directions", 3, false);
-        const std::vector<Vector64> d = ToVectors(rows);
-        py::array_t<double> out(static_cast<py::ssize_t>(d.size()));
+        py::array_t<double> out(static_cast<py::ssize_t>(rows.count));
+        double* o = out.mutable_data();
         {
             py::gil_scoped_release release;
-            host::IesIntensityBatch(ref.Get(), d.data(), out.mutable_data(), rows.count);
+            host::IesIntensityBatch(ref.Get(), AsVectors(rows), o, rows.count);
         }
         return out;
     }
