@@ -2,7 +2,13 @@
 // Private to the legacy BSDF classes (and their white-box tests): the state of each class and
 // the pieces the classes share. The public face is bsdf_legacy.h.
 
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <type_traits>
+
 #include "render/legacy_renderers/bsdf_legacy.h"
+#include "render/legacy_renderers/bsdfdata.h"
 #include "render/legacy_renderers/microfacetdistributioncaches.h"
 
 namespace quorv {
@@ -122,16 +128,69 @@ struct MicrofacetDistribution {
 };
 
 /// Which distribution a microfacet class wraps.
-enum class MICROFACET : Int32 { BECKMANN = 0, GGX = 1, PHONG = 2, WARD = 3 };
+enum class MICROFACET : Int32 { BECKMANN = 0, GGX = 1, PHONG = 2, WARD = 3, ANISOTROPIC = 4 };
+
+/// A random state of the BSDF generator that evaluation steps without a lock: one relaxed
+/// atomic load and one relaxed store per step. Threads that step together may draw the same
+/// number or skip one; the values stay those of the generator, and the order between threads
+/// is not defined (the jitter it feeds only needs noise).
+struct UnlockedRandom {
+    UInt32 state = 0;
+
+    /// Steps and returns the new state.
+    UInt32 Step() const {
+        std::atomic_ref<UInt32> word(const_cast<UInt32&>(state));
+        const UInt32 next = (word.load(std::memory_order_relaxed) * 69069u + 69069u) & 0x7fffffffu;
+        word.store(next, std::memory_order_relaxed);
+        return next;
+    }
+};
+
+/// The state only the anisotropic classes have: the lobe beyond the distribution record, the
+/// random state of the scratch jitter and the kept scratch record.
+struct AnisotropicState {
+    // NaN, so that a first Init with every key absent (all zero) still computes.
+    Float64 anisotropy = std::numeric_limits<Float64>::quiet_NaN();
+    Float64 angle = std::numeric_limits<Float64>::quiet_NaN();  ///< stored, never applied
+    Float64 sinAngle = 0.0;
+    Float64 cosAngle = 0.0;
+    Float64 exponentU = 0.0;
+    Float64 exponentV = 0.0;
+    Float64 exponentRatio = 0.0;
+    Float64 normPlus1 = 0.0;
+    Float64 normPlus2 = 0.0;
+    Bool isAnisotropic = false;
+    UnlockedRandom random;           ///< seeded with 100 by the constructor
+    AnisotropicScratchData scratch;  ///< as `Update` keeps it (reciprocals where stated)
+    Float64 sinTilt = 0.0;
+    Float64 cosTilt = 1.0;
+    Bool scratchU = false;
+    Bool scratchV = false;
+    Bool active = false;  ///< false until the first Update: the frame is the plain one
+};
+
+/// What the other microfacet classes have in its place.
+struct NoAnisotropicState {};
 
 /// A microfacet class: distribution D, reflecting (BRDF) or refracting.
 template <MICROFACET D, bool TRANSMIT>
-struct MicrofacetBSDFImpl : BSDFLegacyDefaults {
+struct MicrofacetBSDFImpl
+    : BSDFLegacyDefaults,
+      std::conditional_t<D == MICROFACET::ANISOTROPIC, AnisotropicState, NoAnisotropicState> {
+    static constexpr bool ANISOTROPIC = D == MICROFACET::ANISOTROPIC;
+
     MicrofacetDistribution distribution;
     Float64 iorOutside = 1.0;
     Float64 iorInside = 1.5;
 
+    MicrofacetBSDFImpl();
     Result<void> Init(const DataDictionary& params, const void* data);
+    /// The scratch record (type 2048) for the anisotropic classes; the others succeed.
+    Result<void> Update(const void* data, UInt32 type);
+    /// The shared rule, and for the anisotropic classes the scratch frame.
+    BSDFFrame ComputeBSDFFrame(const Vector64& n, const Vector64& u, const Vector64& v,
+                               const Vector64& position, Bool fast, Bool world,
+                               Bool useGivenFrame) const;
     Color64 SampleF(const Vector64& wo, const Vector64& normal, const BSDFCachedSample& sample,
                     Vector64& wi, Float64& pdf) const;
     Color64 ComputeBSDF(const Vector64& wo, const Vector64& wiSide, const Vector64& wi,
@@ -139,6 +198,10 @@ struct MicrofacetBSDFImpl : BSDFLegacyDefaults {
     /// The reflection density for both kinds, so 0.0 for a transmitted pair.
     Float64 PdfIndirect(const Vector64& wo, const Vector64& wi) const;
     Float64 ComputeMIPAngle(Float64 angle) const {
+        if constexpr (ANISOTROPIC) {
+            if (distribution.roughness < 0.01) return angle;
+            return std::min(distribution.mipLimit, angle);
+        }
         return distribution.mipLimit < angle ? distribution.mipLimit : angle;
     }
 
@@ -162,6 +225,44 @@ using PhongBRDFImpl = MicrofacetBSDFImpl<MICROFACET::PHONG, false>;
 using PhongBTDFImpl = MicrofacetBSDFImpl<MICROFACET::PHONG, true>;
 using WardBRDFImpl = MicrofacetBSDFImpl<MICROFACET::WARD, false>;
 using WardBTDFImpl = MicrofacetBSDFImpl<MICROFACET::WARD, true>;
+using AnisotropicBRDFImpl = MicrofacetBSDFImpl<MICROFACET::ANISOTROPIC, false>;
+using AnisotropicBTDFImpl = MicrofacetBSDFImpl<MICROFACET::ANISOTROPIC, true>;
+
+/// The scratch frame of the anisotropic classes: the tangent frame (n, u, v) turned and the
+/// normal bent by the scratch pattern at `position`. `state` supplies the kept record and the
+/// random state; at most 128 jitter samples per side of a channel, 4 when `fast`.
+BSDFFrame ComputeScratchFrame(const AnisotropicState& state, const Vector64& n, const Vector64& u,
+                              const Vector64& v, const Vector64& position, Bool fast, Bool world);
+
+/// "net.quorv.render.bsdflegacyclass.irawanbrdf": woven cloth from a weave pattern, sampled
+/// like Lambert and evaluated by Monte Carlo over the texture footprint.
+struct IrawanBRDFImpl : BSDFLegacyDefaults {
+    UnlockedRandom random{100};  ///< raw state 100, no seeding step
+    Color64 warpDiffuse;
+    Color64 warpSpecular;
+    Color64 weftDiffuse;
+    Color64 weftSpecular;
+    Vector64 uvw;
+    Vector64 uvwDelta;
+    Float64 rotation = 0.0;
+    Float64 sinRotation = 0.0;
+    Float64 cosRotation = 0.0;
+    Float64 invScaleU = 0.0;
+    Float64 invScaleV = 0.0;
+    Float64 blur = 0.0;
+    ClothWeavePatternRef pattern;
+
+    Result<void> Init(const DataDictionary& params, const void* data);
+    Result<void> Reset();
+    Color64 SampleF(const Vector64& wo, const Vector64& normal, const BSDFCachedSample& sample,
+                    Vector64& wi, Float64& pdf) const;
+    Color64 ComputeBSDF(const Vector64& wo, const Vector64& wiSide, const Vector64& wi,
+                        Float64& pdf) const;
+    Color64 ComputeF_UVW(const Vector64& wo, const Vector64& wi, const Vector64& uvw,
+                         const Vector64& delta) const;
+    Float64 PdfIndirect(const Vector64& wo, const Vector64& wi) const;
+    Result<void> GeneratePreviewImage(ImageObject* image, Float64 gain);
+};
 
 /// The V-cavity masking of Ward (and of the anisotropic classes): 1.0 if wo.h or wi.h is
 /// exactly 0, else min(1, min(|wo.z| 2|h.z| / |wo.h|, 2|h.z| |wi.z| / |wi.h|)).

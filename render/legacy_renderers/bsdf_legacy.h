@@ -45,6 +45,11 @@ constexpr const char* PHONG_BRDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.ph
 constexpr const char* PHONG_BTDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.phongbtdf";
 constexpr const char* WARD_BRDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.wardbrdf";
 constexpr const char* WARD_BTDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.wardbtdf";
+constexpr const char* IRAWAN_BRDF_CLASS_ID = "net.quorv.render.bsdflegacyclass.irawanbrdf";
+constexpr const char* ANISOTROPIC_BRDF_CLASS_ID =
+    "net.quorv.render.bsdflegacyclass.anisotropicbrdf";
+constexpr const char* ANISOTROPIC_BTDF_CLASS_ID =
+    "net.quorv.render.bsdflegacyclass.anisotropicbtdf";
 
 /// The registered classes, in registration order.
 constexpr const char* const BSDF_LEGACY_CLASS_IDS[] = {
@@ -53,7 +58,9 @@ constexpr const char* const BSDF_LEGACY_CLASS_IDS[] = {
     BECKMANN_BRDF_CLASS_ID,     BECKMANN_BTDF_CLASS_ID,
     GGX_BRDF_CLASS_ID,          GGX_BTDF_CLASS_ID,
     PHONG_BRDF_CLASS_ID,        PHONG_BTDF_CLASS_ID,
-    WARD_BRDF_CLASS_ID,         WARD_BTDF_CLASS_ID};
+    WARD_BRDF_CLASS_ID,         WARD_BTDF_CLASS_ID,
+    IRAWAN_BRDF_CLASS_ID,       ANISOTROPIC_BRDF_CLASS_ID,
+    ANISOTROPIC_BTDF_CLASS_ID};
 
 /// Integer keys of `Init`'s dictionary. A missing key gives the default and no error.
 /// `SamplerCachePointer` (microfacetdistributioncaches.h); default null: the analytic path.

@@ -1,7 +1,8 @@
-// The microfacet classes: one Torrance-style frame (reflection or refraction) around four
-// distributions, Beckmann, GGX, Phong and Ward.
+// The microfacet classes: one Torrance-style frame (reflection or refraction) around five
+// distributions, Beckmann, GGX, Phong, Ward and the anisotropic half-vector lobe.
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "render/legacy_renderers/bsdf_impl.h"
 #include "render/legacy_renderers/bsdf_math.h"
@@ -19,8 +20,55 @@ Float64 VCavityMasking(const Vector64& wo, const Vector64& wi, const Vector64& h
 }
 
 template <MICROFACET D, bool TRANSMIT>
+MicrofacetBSDFImpl<D, TRANSMIT>::MicrofacetBSDFImpl() {
+    if constexpr (ANISOTROPIC) {
+        // NaN like the lobe keys: the first Init always computes, even with no keys at all.
+        distribution.roughness = std::numeric_limits<Float64>::quiet_NaN();
+        BSDFRandom seeded;
+        seeded.Seed(BSDF_RANDOM_SEED);
+        this->random.state = seeded.state;
+    }
+}
+
+namespace {
+
+// clamp((1 - r^3) / r^3 * 4, 1e-6, 100000): the exponent of a roughness; r = 0 gives the top.
+Float64 AnisotropicExponent(Float64 r) {
+    const Float64 r3 = r * r * r;
+    return std::clamp((1.0 - r3) / r3 * 4.0, 1e-6, 100000.0);
+}
+
+}  // namespace
+
+template <MICROFACET D, bool TRANSMIT>
 Result<void> MicrofacetBSDFImpl<D, TRANSMIT>::Init(const DataDictionary& params, const void*) {
     MicrofacetDistribution& m = distribution;
+    if constexpr (ANISOTROPIC) {
+        const Float64 r = params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_ROUGHNESS), 0.0);
+        const Float64 a = params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_ANISOTROPY), 0.0);
+        const Float64 angle =
+            params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_ANISOTROPY_ANGLE), 0.0);
+        if (r == m.roughness && a == this->anisotropy && angle == this->angle) return OK;
+        m.roughness = r;
+        this->anisotropy = a;
+        const Float64 q = std::clamp(r * (1.0 - a), 0.001, 1.0);
+        // From r itself, not from a clamped r: roughness 0 takes the upper clamp.
+        const Float64 eu = AnisotropicExponent(r);
+        const Float64 ev = AnisotropicExponent(q);
+        this->exponentU = eu;
+        this->exponentV = ev;
+        this->isAnisotropic = eu != ev;
+        this->exponentRatio = this->isAnisotropic ? std::sqrt((eu + 1.0) / (ev + 1.0)) : 1.0;
+        this->normPlus1 = std::sqrt((eu + 1.0) * (ev + 1.0));
+        this->normPlus2 = std::sqrt((eu + 2.0) * (ev + 2.0));
+        m.mipLimit = std::exp2(-1.0 / (std::max(eu, ev) + 1.0));
+        // The angle is kept with its sine and cosine but turns nothing: the frame's tangent
+        // comes from ComputeBSDFFrame alone, and existing materials look as they always did.
+        this->angle = angle;
+        this->sinAngle = std::sin(angle);
+        this->cosAngle = std::cos(angle);
+        return OK;
+    }
     // Phong has no table and takes no cache.
     if constexpr (D != MICROFACET::PHONG) m.cache = ReadDistributionCache(params);
     m.roughness = params.Get<Float64>(DataDictionaryKey(BSDF_PARAM_ROUGHNESS), 0.0);
@@ -102,7 +150,20 @@ Float64 MicrofacetBSDFImpl<D, TRANSMIT>::AnalyticCosine(Float64 u) const {
 template <MICROFACET D, bool TRANSMIT>
 Float64 MicrofacetBSDFImpl<D, TRANSMIT>::Evaluate(const Vector64& h, Bool useCache,
                                                   Float64& pdfH) const {
-    if constexpr (D == MICROFACET::PHONG) {
+    if constexpr (ANISOTROPIC) {
+        if (h.z < 1e-16) {
+            pdfH = 0.0;
+            return 0.0;
+        }
+        const Float64 c = std::fabs(h.z);
+        const Float64 p = c >= 0.9999999999999999
+                              ? 0.0
+                              : (this->exponentU * (h.x * h.x) + this->exponentV * (h.y * h.y)) /
+                                    std::max(0.0, 1.0 - c * c);
+        const Float64 b = std::pow(c, p) / BSDF_2PI;
+        pdfH = this->normPlus1 * b;
+        return b * this->normPlus2;
+    } else if constexpr (D == MICROFACET::PHONG) {
         return AnalyticD(std::fabs(h.z), pdfH);
     } else {
         const Float64 c = h.z;
@@ -124,7 +185,46 @@ Float64 MicrofacetBSDFImpl<D, TRANSMIT>::Evaluate(const Vector64& h, Bool useCac
 template <MICROFACET D, bool TRANSMIT>
 void MicrofacetBSDFImpl<D, TRANSMIT>::Sample(const BSDFCachedSample& sample, Vector64& h,
                                              Float64& d, Float64& pdfH) const {
-    if constexpr (D == MICROFACET::PHONG) {
+    if constexpr (ANISOTROPIC) {
+        // u0 picks a quadrant and the position inside it.
+        const Float64 u0 = sample.u0;
+        Float64 x;
+        int quadrant;
+        if (u0 < 0.25) {
+            x = 4.0 * u0;
+            quadrant = 0;
+        } else if (u0 < 0.5) {
+            x = 4.0 * (0.5 - u0);
+            quadrant = 1;
+        } else if (u0 < 0.75) {
+            x = 4.0 * (u0 - 0.5);
+            quadrant = 2;
+        } else {
+            x = 4.0 * (1.0 - u0);
+            quadrant = 3;
+        }
+        const Float64 eu = this->exponentU, ev = this->exponentV;
+        Float64 phi = this->isAnisotropic
+                          ? std::atan(this->exponentRatio * std::tan(x * BSDF_PI / 2.0))
+                          : x * BSDF_PI / 2.0;
+        const Float64 cp = std::cos(phi), sp = std::sin(phi);
+        const Float64 n = eu * (cp * cp) + ev * (sp * sp) + 1.0;
+        const Float64 c = std::pow(static_cast<Float64>(sample.u1), 1.0 / n);
+        if (quadrant == 1)
+            phi = BSDF_PI - phi;
+        else if (quadrant == 2)
+            phi = BSDF_PI + phi;
+        else if (quadrant == 3)
+            phi = BSDF_2PI - phi;
+        const Float64 s2 = std::max(0.0, 1.0 - c * c);
+        const Float64 s = std::sqrt(s2);
+        h = {s * std::cos(phi), s * std::sin(phi), c};
+        const Float64 sq = s * s;
+        const Float64 p = sq > 1e-16 ? (eu * (h.x * h.x) + ev * (h.y * h.y)) / sq : 0.0;
+        const Float64 b = std::pow(c, p) / BSDF_2PI;
+        d = this->normPlus2 * b;
+        pdfH = b * this->normPlus1;
+    } else if constexpr (D == MICROFACET::PHONG) {
         const Float64 e = distribution.alpha;
         const Float64 c = std::pow(static_cast<Float64>(sample.u0), 1.0 / (e + 1.0));
         const Float64 s = std::sqrt(std::max(0.0, 1.0 - c * c));
@@ -150,7 +250,7 @@ void MicrofacetBSDFImpl<D, TRANSMIT>::Sample(const BSDFCachedSample& sample, Vec
 template <MICROFACET D, bool TRANSMIT>
 Float64 MicrofacetBSDFImpl<D, TRANSMIT>::Masking(const Vector64& wo, const Vector64& wi,
                                                  const Vector64& h) const {
-    if constexpr (D == MICROFACET::WARD) {
+    if constexpr (D == MICROFACET::WARD || ANISOTROPIC) {
         return VCavityMasking(wo, wi, h);
     } else {
         const Float64 m = distribution.alpha;
@@ -282,6 +382,56 @@ Float64 MicrofacetBSDFImpl<D, TRANSMIT>::PdfIndirect(const Vector64& wo, const V
     return pdfH / (q * 4.0);
 }
 
+template <MICROFACET D, bool TRANSMIT>
+Result<void> MicrofacetBSDFImpl<D, TRANSMIT>::Update(const void* data, UInt32 type) {
+    if constexpr (ANISOTROPIC) {
+        if (!data) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             "Illegal argument: Illegal state in AnisotropicBxDF::Update. data is "
+                             "nullptr");
+        }
+        if (type != BSDF_UPDATE_SCRATCH) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             "Illegal argument: Illegal state in AnisotropicBxDF::Update. type is "
+                             "wrong ");
+        }
+        AnisotropicScratchData s = *static_cast<const AnisotropicScratchData*>(data);
+        auto inverse = [](Float64 x) { return 1.0 / std::max(x, 0.0001); };
+        s.scale = inverse(s.scale);
+        s.frequencyU = inverse(s.frequencyU);
+        s.stretchU = inverse(s.stretchU);
+        s.frequencyV = inverse(s.frequencyV);
+        s.stretchV = inverse(s.stretchV);
+        this->scratch = s;
+        this->sinTilt = std::sin(s.tilt);
+        this->cosTilt = std::cos(s.tilt);
+        this->scratchU = (s.channels | 2) == 3 && s.amplitudeU > 0.0;
+        this->scratchV = (s.channels & 254) == 2 && s.amplitudeV > 0.0;
+        this->active = true;
+        return OK;
+    } else {
+        return BSDFLegacyDefaults::Update(data, type);
+    }
+}
+
+template <MICROFACET D, bool TRANSMIT>
+BSDFFrame MicrofacetBSDFImpl<D, TRANSMIT>::ComputeBSDFFrame(const Vector64& n, const Vector64& u,
+                                                            const Vector64& v,
+                                                            const Vector64& position, Bool fast,
+                                                            Bool world, Bool useGivenFrame) const {
+    if constexpr (ANISOTROPIC) {
+        // A short tangent or no given frame: build (u, v) by the shared rule and go on.
+        BSDFFrame f{n, u, v};
+        if (Dot(u, u) < 0.9999999 || Dot(v, v) < 0.9999999 || !useGivenFrame) {
+            f = ComputeSharedBSDFFrame(n, u, v, false);
+        }
+        if (!(distribution.roughness > 0.0) || !this->active) return f;
+        return ComputeScratchFrame(*this, f.n, f.u, f.v, position, fast, world);
+    } else {
+        return ComputeSharedBSDFFrame(n, u, v, useGivenFrame);
+    }
+}
+
 template struct MicrofacetBSDFImpl<MICROFACET::BECKMANN, false>;
 template struct MicrofacetBSDFImpl<MICROFACET::BECKMANN, true>;
 template struct MicrofacetBSDFImpl<MICROFACET::GGX, false>;
@@ -290,6 +440,8 @@ template struct MicrofacetBSDFImpl<MICROFACET::PHONG, false>;
 template struct MicrofacetBSDFImpl<MICROFACET::PHONG, true>;
 template struct MicrofacetBSDFImpl<MICROFACET::WARD, false>;
 template struct MicrofacetBSDFImpl<MICROFACET::WARD, true>;
+template struct MicrofacetBSDFImpl<MICROFACET::ANISOTROPIC, false>;
+template struct MicrofacetBSDFImpl<MICROFACET::ANISOTROPIC, true>;
 
 namespace {
 
@@ -305,6 +457,10 @@ SimpleClass<PhongBRDFImpl, I> g_phongBrdf(g_unit, PHONG_BRDF_CLASS_ID, R, __FILE
 SimpleClass<PhongBTDFImpl, I> g_phongBtdf(g_unit, PHONG_BTDF_CLASS_ID, R, __FILE__);
 SimpleClass<WardBRDFImpl, I> g_wardBrdf(g_unit, WARD_BRDF_CLASS_ID, R, __FILE__);
 SimpleClass<WardBTDFImpl, I> g_wardBtdf(g_unit, WARD_BTDF_CLASS_ID, R, __FILE__);
+SimpleClass<AnisotropicBRDFImpl, I> g_anisotropicBrdf(g_unit, ANISOTROPIC_BRDF_CLASS_ID, R,
+                                                      __FILE__);
+SimpleClass<AnisotropicBTDFImpl, I> g_anisotropicBtdf(g_unit, ANISOTROPIC_BTDF_CLASS_ID, R,
+                                                      __FILE__);
 
 }  // namespace
 

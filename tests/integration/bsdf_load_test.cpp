@@ -14,6 +14,8 @@
 #include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
+#include "render/legacy_renderers/bsdfdata.h"
+#include "render/legacy_renderers/clothweavepattern.h"
 #include "render/legacy_renderers/microfacetdistributioncaches.h"
 
 namespace quorv {
@@ -35,17 +37,32 @@ BSDFLegacyRef Make(const char* id, Float64 roughness, SamplerCache* cache) {
         EXPECT_FALSE(handle.IsEmpty());
         EXPECT_TRUE(d.SetData(DataDictionaryKey(BSDF_PARAM_DISTRIBUTION_CACHE), handle).IsOk());
     }
+    if (id == std::string(IRAWAN_BRDF_CLASS_ID)) {
+        // The cloth class reads its record, with a pattern made through the static interface.
+        Result<ClothWeavePatternRef> pattern = ClothWeavePatternRef::Create();
+        EXPECT_TRUE(pattern.IsOk()) << ErrorToString(pattern.GetErrorPointer());
+        EXPECT_TRUE(ClothWeavePatternInterface::SetupPattern(pattern.GetValue().Get(), 1).IsOk());
+        ClothWeavePatternInterface::SetupCloth(pattern.GetValue().Get(), 1, 0.01, 4.0, 0.0, 0.0,
+                                               0.0, 0.0, 0.0, 0.0);
+        IrawanInitData data;
+        data.warpDiffuse = {0.1, 0.2, 0.3};
+        data.weftDiffuse = {0.3, 0.2, 0.1};
+        data.warpSpecular = data.weftSpecular = {1.0, 1.0, 1.0};
+        data.pattern = pattern.GetValue();
+        EXPECT_TRUE(b.Init(d, &data).IsOk());
+        return b;
+    }
     EXPECT_TRUE(b.Init(d, nullptr).IsOk());
     return b;
 }
 
-TEST(BSDFModuleLoad, RegistryListsTheTwelveClassesAndEachEvaluates) {
+TEST(BSDFModuleLoad, RegistryListsTheFifteenClassesAndEachEvaluates) {
     Module();
     std::vector<std::string> entries;
     for (const auto& r : host::Host::Get().ListRegistries()) {
         if (r.id == BSDF_LEGACY_CLASS_REGISTRY_ID) entries = r.entries;
     }
-    ASSERT_EQ(entries.size(), 12u);
+    ASSERT_EQ(entries.size(), 15u);
     for (const char* id : BSDF_LEGACY_CLASS_IDS) {
         EXPECT_NE(std::find(entries.begin(), entries.end(), id), entries.end()) << id;
         BSDFLegacyRef b = Make(id, 0.5, nullptr);
@@ -88,14 +105,14 @@ TEST(BSDFModuleLoad, CacheBlockThroughTheStaticInterfaceFeedsAClass) {
 TEST(BSDFModuleLoad, CommandLineEvaluatesLinesAndRoundTripsNumbers) {
     const std::string cli = std::string(QUORV_CLI_PATH) + " --module " + QUORV_MODULE_PATH;
     const std::string list = test::RunCommand(cli + " bsdf list");
-    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 12) << list;
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 15) << list;
     EXPECT_NE(list.find("net.quorv.render.bsdflegacyclass.wardbtdf\n"), std::string::npos);
     const std::string lines =
         "printf '%s\\n' '{\"op\":\"ComputeBSDF\",\"wo\":[0,0,1],\"wi\":[0.6,0,0.8]}' "
         "'{\"op\":\"SampleF\",\"wo\":[0,0,1],\"sample\":{\"u0\":0.25,\"u1\":0.36,\"u2\":0}}' "
         "'{\"op\":\"Frobnicate\"}' | ";
-    const std::string out =
-        test::RunCommand(lines + cli + " bsdf eval --class net.quorv.render.bsdflegacyclass.lambertbrdf");
+    const std::string out = test::RunCommand(
+        lines + cli + " bsdf eval --class net.quorv.render.bsdflegacyclass.lambertbrdf");
     std::istringstream in(out);
     std::string first, second, third;
     std::getline(in, first);
