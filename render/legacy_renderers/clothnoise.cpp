@@ -175,6 +175,8 @@ const ClothNoiseTables& GetClothNoiseTables() {
     return g_tables;
 }
 
+Bool IsClothNoiseBuilt() { return (g_guard.load(std::memory_order_acquire) & GUARD_BUILT) != 0; }
+
 Float64 ClothNoise(const Vector64& p) { return Noise(p, 0); }
 
 Float64 ClothPeriodicNoise(const Vector64& p, Int32 period) {

@@ -21,6 +21,9 @@ struct ClothNoiseTables {
 /// and then only read. Thread safe.
 const ClothNoiseTables& GetClothNoiseTables();
 
+/// True once the tables are built (tests and diagnostics).
+Bool IsClothNoiseBuilt();
+
 /// Builds the tables into `tables` (the recipe itself, for tests).
 void BuildClothNoiseTables(ClothNoiseTables& tables);
 
