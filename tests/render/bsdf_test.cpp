@@ -13,9 +13,13 @@
 #include <thread>
 #include <vector>
 
+#include "common/test_support.h"
 #include "quorv/host/host.h"
 #include "render/legacy_renderers/bsdf_impl.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
+#include "render/legacy_renderers/bsdf_math.h"
+#include "render/legacy_renderers/bsdfdata.h"
+#include "render/legacy_renderers/clothweavepattern.h"
 #include "render/legacy_renderers/microfacetdistributioncaches.h"
 
 namespace quorv {
@@ -1034,6 +1038,359 @@ TEST(SamplerCacheTable, DataTypesAreRegistered) {
     Data d = Data::Of(sample);
     ASSERT_FALSE(d.IsEmpty());
     EXPECT_EQ(std::memcmp(d.Get<BSDFCachedSample>(), &sample, sizeof(sample)), 0);
+}
+
+// ---- cloth and anisotropic classes ---------------------------------------------------------
+
+BSDFLegacyRef MakeAnisotropic(const char* id, Float64 roughness, Float64 anisotropy,
+                              Float64 angle = 0.0) {
+    return Make(id, Params({{BSDF_PARAM_ROUGHNESS, roughness},
+                            {BSDF_PARAM_ANISOTROPY, anisotropy},
+                            {BSDF_PARAM_ANISOTROPY_ANGLE, angle}}));
+}
+
+TEST(BSDFDistribution, ClothAndAnisotropicSamplesFollowTheirPdf) {
+    // The cloth class draws cosine-weighted directions; its pdf is |z| / pi whatever the yarns.
+    Result<ClothWeavePatternRef> pattern = ClothWeavePatternRef::Create();
+    ASSERT_TRUE(pattern.IsOk());
+    ASSERT_TRUE(ClothWeavePatternInterface::SetupPattern(pattern.GetValue().Get(), 3).IsOk());
+    ClothWeavePatternInterface::SetupCloth(pattern.GetValue().Get(), 0, 0.01, 4.0, 0.0, 0.0, 0.0,
+                                           0.0, 0.0, 0.0);
+    IrawanInitData data;
+    data.warpDiffuse = data.weftDiffuse = {0.5, 0.5, 0.5};
+    data.warpSpecular = data.weftSpecular = {1, 1, 1};
+    data.pattern = pattern.GetValue();
+    BSDFLegacyRef cloth = test::MakeInstance<BSDFLegacyInterface>(BSDF_LEGACY_CLASS_REGISTRY_ID,
+                                                                  IRAWAN_BRDF_CLASS_ID);
+    ASSERT_TRUE(cloth.Init(DataDictionary(), &data).IsOk());
+    ExpectSamplesFollowPdf(cloth, Dir(0.7, 1.1), "irawan");
+    // The anisotropic half-vector draw has exactly the density pdfH, so the reflected
+    // direction has pdfH / (4 |wo.h|): with and without anisotropy, and the angle stored.
+    ExpectSamplesFollowPdf(MakeAnisotropic(ANISOTROPIC_BRDF_CLASS_ID, 0.6, 0.0), FIXED_WO,
+                           "anisotropic isotropic");
+    ExpectSamplesFollowPdf(MakeAnisotropic(ANISOTROPIC_BRDF_CLASS_ID, 0.6, 0.5, 0.7), Dir(0.9, 2.0),
+                           "anisotropic");
+    ExpectSamplesFollowPdf(MakeAnisotropic(ANISOTROPIC_BRDF_CLASS_ID, 0.8, 0.7), Dir(0.3, -0.4),
+                           "anisotropic wide");
+}
+
+TEST(BSDFAnisotropic, InitKeepsTheLobeAndStopsOnlyOnEqualKeys) {
+    AnisotropicBRDFImpl b;
+    // The random state is seeded with 100; the stored keys start at NaN.
+    EXPECT_EQ(b.random.state, 6975969u);
+    EXPECT_TRUE(std::isnan(b.distribution.roughness));
+    // All keys absent: roughness 0 takes the upper clamp 100000 on both exponents.
+    ASSERT_TRUE(b.Init(DataDictionary(), nullptr).IsOk());
+    EXPECT_EQ(b.exponentU, 100000.0);
+    EXPECT_EQ(b.exponentV, 100000.0);
+    EXPECT_FALSE(b.isAnisotropic);
+    EXPECT_EQ(b.exponentRatio, 1.0);
+    EXPECT_EQ(b.ComputeMIPAngle(0.3), 0.3);  // roughness below 0.01
+    // r 0.6, a 0.5: q = 0.3; exponents (1 - r^3) / r^3 * 4 from r itself and from q.
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.6},
+                               {BSDF_PARAM_ANISOTROPY, 0.5},
+                               {BSDF_PARAM_ANISOTROPY_ANGLE, 0.25}}),
+                       nullptr)
+                    .IsOk());
+    const Float64 eu = (1.0 - 0.216) / 0.216 * 4.0, ev = (1.0 - 0.027) / 0.027 * 4.0;
+    EXPECT_NEAR(b.exponentU, eu, 1e-12 * eu);
+    EXPECT_NEAR(b.exponentV, ev, 1e-12 * ev);
+    EXPECT_TRUE(b.isAnisotropic);
+    EXPECT_EQ(b.exponentRatio, std::sqrt((b.exponentU + 1.0) / (b.exponentV + 1.0)));
+    EXPECT_EQ(b.normPlus1, std::sqrt((b.exponentU + 1.0) * (b.exponentV + 1.0)));
+    EXPECT_EQ(b.normPlus2, std::sqrt((b.exponentU + 2.0) * (b.exponentV + 2.0)));
+    EXPECT_EQ(b.distribution.mipLimit, std::exp2(-1.0 / (b.exponentV + 1.0)));
+    EXPECT_EQ(b.ComputeMIPAngle(0.999), b.distribution.mipLimit);
+    EXPECT_EQ(b.sinAngle, std::sin(0.25));
+    // The same keys again: nothing changes, not even a field written by hand.
+    b.exponentU = 1.0;
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.6},
+                               {BSDF_PARAM_ANISOTROPY, 0.5},
+                               {BSDF_PARAM_ANISOTROPY_ANGLE, 0.25}}),
+                       nullptr)
+                    .IsOk());
+    EXPECT_EQ(b.exponentU, 1.0);
+    // A new angle alone recomputes.
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.6},
+                               {BSDF_PARAM_ANISOTROPY, 0.5},
+                               {BSDF_PARAM_ANISOTROPY_ANGLE, 0.5}}),
+                       nullptr)
+                    .IsOk());
+    EXPECT_NEAR(b.exponentU, eu, 1e-12 * eu);
+}
+
+TEST(BSDFAnisotropic, HalfVectorDensityAndProjectedDIntegrateToOne) {
+    // Over the hemisphere, with c^p and p = eu cos^2 phi + ev sin^2 phi, the integrals are
+    // 2 pi / sqrt((eu + 1)(ev + 1)) for c^p and 2 pi / sqrt((eu + 2)(ev + 2)) for c^(p+1), which
+    // the norms cancel: both integrate to exactly 1.
+    for (auto [r, a] : {std::pair{0.6, 0.5}, std::pair{0.8, 0.0}, std::pair{0.9, 0.8}}) {
+        AnisotropicBRDFImpl b;
+        ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, r}, {BSDF_PARAM_ANISOTROPY, a}}), nullptr)
+                        .IsOk());
+        constexpr Int NC = 6000, NP = 360;
+        Float64 pdfSum = 0.0, dSum = 0.0;
+        for (Int i = 0; i < NC; ++i) {
+            const Float64 c = (i + 0.5) / NC;
+            const Float64 s = std::sqrt(1.0 - c * c);
+            for (Int j = 0; j < NP; ++j) {
+                const Float64 phi = (j + 0.5) / NP * 2.0 * PI;
+                Float64 pdfH;
+                const Float64 d = b.Evaluate({s * std::cos(phi), s * std::sin(phi), c}, true, pdfH);
+                pdfSum += pdfH;
+                dSum += d * c;
+            }
+        }
+        const Float64 cell = (1.0 / NC) * (2.0 * PI / NP);
+        EXPECT_NEAR(pdfSum * cell, 1.0, 2e-3) << r << " " << a;
+        EXPECT_NEAR(dSum * cell, 1.0, 2e-3) << r << " " << a;
+    }
+}
+
+TEST(BSDFAnisotropic, SampleFAgreesWithComputeBSDFAndTheBRDFIsReciprocal) {
+    const std::vector<BSDFCachedSample> samples = Samples(3000);
+    for (const char* id : {ANISOTROPIC_BRDF_CLASS_ID, ANISOTROPIC_BTDF_CLASS_ID}) {
+        for (auto [r, a] : {std::pair{0.3, 0.0}, std::pair{0.6, 0.5}, std::pair{0.9, 0.9}}) {
+            BSDFLegacyRef b = MakeAnisotropic(id, r, a);
+            Int checked = 0;
+            Float64 worst = 0.0;
+            for (const Vector64& wo : {FIXED_WO, Dir(1.2, 2.0), Dir(0.4, -1.0)}) {
+                for (const BSDFCachedSample& s : samples) {
+                    Vector64 wi;
+                    Float64 pdf;
+                    const Color64 f = b.SampleF(wo, {0, 0, 1}, s, wi, pdf);
+                    if (pdf == 0.0) continue;
+                    Float64 pdf2;
+                    const Color64 g = b.ComputeBSDF(wo, wi, wi, pdf2);
+                    ++checked;
+                    worst = std::max({worst, RelativeError(pdf, pdf2), RelativeError(f.r, g.r)});
+                }
+            }
+            EXPECT_LT(worst, 1e-9) << id << " " << r << " " << a;
+            EXPECT_GT(checked, 1000) << id << " " << r << " " << a;
+        }
+    }
+    BSDFLegacyRef brdf = MakeAnisotropic(ANISOTROPIC_BRDF_CLASS_ID, 0.5, 0.6);
+    BSDFRandom random;
+    random.Seed(9);
+    Int positive = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const Vector64 wo = Dir(random.Next() * 1.5, random.Next() * 2 * PI);
+        const Vector64 wi = Dir(random.Next() * 1.5, random.Next() * 2 * PI);
+        Float64 p1, p2;
+        const Color64 f = brdf.ComputeBSDF(wo, wi, wi, p1);
+        const Color64 g = brdf.ComputeBSDF(wi, wo, wo, p2);
+        EXPECT_EQ(std::memcmp(&f, &g, sizeof(f)), 0) << i;
+        positive += f.r > 0.0;
+    }
+    EXPECT_GT(positive, 500);
+}
+
+TEST(BSDFAnisotropic, UpdateKeepsTheScratchRecordAndNamesItsErrors) {
+    AnisotropicBRDFImpl b;
+    Result<void> r = b.Update(nullptr, BSDF_UPDATE_SCRATCH);
+    ASSERT_TRUE(r.IsError());
+    EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
+    EXPECT_STREQ(r.GetErrorPointer()->message,
+                 "Illegal argument: Illegal state in AnisotropicBxDF::Update. data is nullptr");
+    AnisotropicScratchData s;
+    r = b.Update(&s, 2047);
+    ASSERT_TRUE(r.IsError());
+    EXPECT_STREQ(r.GetErrorPointer()->message,
+                 "Illegal argument: Illegal state in AnisotropicBxDF::Update. type is wrong ");
+    EXPECT_FALSE(b.active);
+    s.scale = 0.0;
+    s.frequencyU = 4.0;
+    s.stretchU = 1e-9;
+    s.frequencyV = 0.5;
+    s.stretchV = 2.0;
+    s.tilt = 0.3;
+    s.amplitudeU = 0.2;
+    s.amplitudeV = 0.2;
+    const struct {
+        UInt8 channels;
+        bool u, v;
+    } flags[] = {{0, false, false}, {1, true, false},  {2, false, true}, {3, true, true},
+                 {4, false, false}, {6, false, false}, {7, false, false}};
+    for (const auto& f : flags) {
+        s.channels = f.channels;
+        ASSERT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+        EXPECT_EQ(b.scratchU, f.u) << int(f.channels);
+        EXPECT_EQ(b.scratchV, f.v) << int(f.channels);
+    }
+    EXPECT_TRUE(b.active);
+    EXPECT_EQ(b.scratch.scale, 1.0 / 0.0001);
+    EXPECT_EQ(b.scratch.frequencyU, 0.25);
+    EXPECT_EQ(b.scratch.stretchU, 1.0 / 0.0001);
+    EXPECT_EQ(b.scratch.frequencyV, 2.0);
+    EXPECT_EQ(b.scratch.stretchV, 0.5);
+    EXPECT_EQ(b.sinTilt, std::sin(0.3));
+    s.channels = 3;
+    s.amplitudeU = 0.0;
+    ASSERT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+    EXPECT_FALSE(b.scratchU);
+    EXPECT_TRUE(b.scratchV);
+}
+
+// A scratch record with one cell per unit and no noise: only the pattern's direction shows.
+AnisotropicScratchData PlainScratch(UInt8 pattern, UInt8 mirror = 0) {
+    AnisotropicScratchData s;
+    s.scale = 1.0;
+    s.pattern = pattern;
+    s.mirror = mirror;
+    s.channels = 0;
+    return s;
+}
+
+BSDFFrame ScratchFrameAt(AnisotropicBRDFImpl& b, const AnisotropicScratchData& s, Float64 x,
+                         Float64 y, Bool fast = false, Bool world = false) {
+    EXPECT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+    return b.ComputeBSDFFrame({0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {x, y, 0}, fast, world, true);
+}
+
+TEST(BSDFAnisotropic, ScratchPatternsMirrorNegativeCellsAndUnknownPatterns) {
+    AnisotropicBRDFImpl b;
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.5}}), nullptr).IsOk());
+    // Before any Update the frame is the plain one.
+    BSDFFrame f =
+        b.ComputeBSDFFrame({0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {0.3, 0.2, 0}, false, false, true);
+    EXPECT_EQ(f.u, (Vector64{1, 0, 0}));
+    // A short tangent: the shared rule builds (u, v) first.
+    f = b.ComputeBSDFFrame({0, 0, 1}, {0, 0, 0}, {0, 1, 0}, {}, false, false, true);
+    EXPECT_EQ(f.u, (Vector64{1, 0, 0}));
+    EXPECT_EQ(f.v, (Vector64{0, -1, 0}));
+    // Pattern 3 splits a cell along its diagonal: angle 0 where fx < 1 - fy, else pi / 2, whose
+    // tangent (cos a, -sin a, 0) is (0, -1, 0).
+    auto tangentY = [&](const AnisotropicScratchData& s, Float64 x, Float64 y) {
+        return ScratchFrameAt(b, s, x, y).u.y;
+    };
+    EXPECT_NEAR(tangentY(PlainScratch(3), 0.2, 0.5), 0.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(3), 0.8, 0.5), -1.0, 1e-15);
+    // Cell 1 is odd: with bit 0 of mirror its fraction 0.2 becomes 0.8.
+    EXPECT_NEAR(tangentY(PlainScratch(3), 1.2, 0.5), 0.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(3, 1), 1.2, 0.5), -1.0, 1e-15);
+    // x = -0.3: fraction 0.7, and the cell 1 minus the truncation, 1: odd, so mirrored to 0.3.
+    EXPECT_NEAR(tangentY(PlainScratch(3), -0.3, 0.5), -1.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(3, 1), -0.3, 0.5), 0.0, 1e-15);
+    // Bit 1 mirrors v in odd cells: y = 1.9 has fraction 0.9, mirrored 0.1, so 0.2 < 0.9.
+    EXPECT_NEAR(tangentY(PlainScratch(3), 0.2, 1.9), -1.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(3, 2), 0.2, 1.9), 0.0, 1e-15);
+    // Pattern 4: the checkerboard of half cells.
+    EXPECT_NEAR(tangentY(PlainScratch(4), 0.2, 0.3), 0.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(4), 0.7, 0.3), -1.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(4), 0.7, 0.6), 0.0, 1e-15);
+    // Pattern 2: angle 0 where w < fx < 1 - w, w = 0.5 - |0.5 - fy|: a diamond of pi / 2.
+    EXPECT_NEAR(tangentY(PlainScratch(2), 0.5, 0.1), 0.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(2), 0.05, 0.1), -1.0, 1e-15);
+    EXPECT_NEAR(tangentY(PlainScratch(2), 0.5, 0.5), -1.0, 1e-15);
+    // Pattern 5 does not exist: no tangent, no bend.
+    f = ScratchFrameAt(b, PlainScratch(5), 0.3, 0.3);
+    EXPECT_EQ(f.n, (Vector64{0, 0, 1}));
+    EXPECT_EQ(f.u, (Vector64{0, 0, 0}));
+    EXPECT_EQ(f.v, (Vector64{0, 0, 0}));
+    // The rotation turns the planar tangent: (cos a, -sin a, 0) with a = 0 + rotation.
+    AnisotropicScratchData turned = PlainScratch(0);
+    turned.rotation = 0.4;
+    f = ScratchFrameAt(b, turned, 0.3, 0.3);
+    EXPECT_NEAR(f.u.x, std::cos(0.4), 1e-15);
+    EXPECT_NEAR(f.u.y, -std::sin(0.4), 1e-15);
+    // Roughness 0 returns the given frame untouched.
+    AnisotropicBRDFImpl smooth;
+    ASSERT_TRUE(smooth.Init(DataDictionary(), nullptr).IsOk());
+    ASSERT_TRUE(smooth.Update(&turned, BSDF_UPDATE_SCRATCH).IsOk());
+    f = smooth.ComputeBSDFFrame({0, 0, 1}, {0, 1, 0}, {1, 0, 0}, {0.3, 0.3, 0}, false, false, true);
+    EXPECT_EQ(f.u, (Vector64{0, 1, 0}));
+}
+
+TEST(BSDFAnisotropic, ScratchNoiseBendsTheNormalAndTiltTurnsTheWorldFrame) {
+    AnisotropicBRDFImpl b;
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.5}}), nullptr).IsOk());
+    AnisotropicScratchData s = PlainScratch(0);
+    s.channels = 3;
+    s.amplitudeU = 0.4;
+    s.amplitudeV = 0.3;
+    s.tilt = 0.35;
+    Int bent = 0;
+    for (int i = 0; i < 50; ++i) {
+        const BSDFFrame f = ScratchFrameAt(b, s, 0.013 * i, 0.37 + 0.011 * i, false, true);
+        const Float64 nn = Dot(f.n, f.n);
+        EXPECT_NEAR(nn, 1.0, 1e-12);
+        bent += f.n.z < 1.0 - 1e-6;
+        // World: t' = u t.x + v t.y; v' = n x t'. The tilt turns (t', v') by 0.35 about n.
+        const Vector64 t{1, 0, 0}, vw{0, 1, 0};
+        EXPECT_NEAR(f.u.x, t.x * std::cos(0.35) - vw.x * std::sin(0.35), 1e-15);
+        EXPECT_NEAR(f.u.y, t.y * std::cos(0.35) - vw.y * std::sin(0.35), 1e-15);
+        EXPECT_NEAR(f.v.y, t.y * std::sin(0.35) + vw.y * std::cos(0.35), 1e-15);
+    }
+    EXPECT_GT(bent, 40);
+    // Without the world flag v' is zero: the tilted v'' is t sin(tilt).
+    const BSDFFrame plain = ScratchFrameAt(b, s, 0.5, 0.5, false, false);
+    EXPECT_NEAR(plain.v.x, std::sin(0.35), 1e-15);
+    EXPECT_NEAR(plain.v.y, 0.0, 1e-15);
+}
+
+TEST(BSDFAnisotropic, JitterSampleCountsAndTheFastCap) {
+    // Each sample steps the random state once: the steps count the samples per channel,
+    // truncation(blur * 32) clamped to 128 (4 when fast), times 2, plus 1.
+    struct Case {
+        Float64 blur;
+        Bool fast;
+        Int count;
+    } cases[] = {{0.0, false, 1},   {0.1, false, 7}, {1.0, false, 65},
+                 {8.0, false, 257}, {1.0, true, 9},  {0.05, true, 3}};
+    for (const Case& c : cases) {
+        AnisotropicBRDFImpl b;
+        ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.5}}), nullptr).IsOk());
+        AnisotropicScratchData s = PlainScratch(0);
+        s.channels = 1;
+        s.amplitudeU = 0.1;
+        s.blurU = c.blur;
+        ASSERT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+        BSDFRandom expected;
+        expected.state = b.random.state;
+        for (Int k = 0; k < c.count; ++k) expected.Next();
+        b.ComputeBSDFFrame({0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {0.3, 0.6, 0}, c.fast, false, true);
+        EXPECT_EQ(b.random.state, expected.state) << c.blur << " " << c.fast;
+    }
+    // The circular pattern counts truncation(blur * 16) clamped to 32.
+    AnisotropicBRDFImpl b;
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.5}}), nullptr).IsOk());
+    AnisotropicScratchData s = PlainScratch(1);
+    s.channels = 2;
+    s.amplitudeV = 0.1;
+    s.blurV = 5.0;
+    ASSERT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+    BSDFRandom expected;
+    expected.state = b.random.state;
+    for (Int k = 0; k < 65; ++k) expected.Next();
+    const BSDFFrame f =
+        b.ComputeBSDFFrame({0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {0.3, 0.6, 0}, false, false, true);
+    EXPECT_EQ(b.random.state, expected.state);
+    // Its tangent is the unit vector from the centre of the circle, here the corner (0, 1).
+    EXPECT_NEAR(f.u.x, 0.6, 1e-12);
+    EXPECT_NEAR(f.u.y, -0.8, 1e-12);
+}
+
+TEST(BSDFAnisotropic, ManyThreadsStepOneRandomState) {
+    AnisotropicBRDFImpl b;
+    ASSERT_TRUE(b.Init(Params({{BSDF_PARAM_ROUGHNESS, 0.5}}), nullptr).IsOk());
+    AnisotropicScratchData s = PlainScratch(0);
+    s.channels = 3;
+    s.amplitudeU = s.amplitudeV = 0.2;
+    s.blurU = s.blurV = 0.5;
+    ASSERT_TRUE(b.Update(&s, BSDF_UPDATE_SCRATCH).IsOk());
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 300; ++i) {
+                const BSDFFrame f = b.ComputeBSDFFrame({0, 0, 1}, {1, 0, 0}, {0, 1, 0},
+                                                       {0.01 * i, 0.02 * t, 0}, i % 2, true, true);
+                if (!(std::fabs(Dot(f.n, f.n) - 1.0) < 1e-12)) bad.fetch_add(1);
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(bad.load(), 0);
 }
 
 }  // namespace
