@@ -22,6 +22,7 @@ void AddClassesCommand(CLI::App& app, const GlobalOptions& options, std::functio
 void AddCameraCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddClothCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddIdCommand(CLI::App& app, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
     AddCameraCommand(app, options, run);
     AddIesCommand(app, options, run);
     AddBSDFCommand(app, options, run);
+    AddClothCommand(app, options, run);
     AddIdCommand(app, run);
     try {
         app.parse(argc, argv);
