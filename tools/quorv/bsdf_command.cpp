@@ -7,8 +7,8 @@
 #include <map>
 #include <memory>
 
-#include "commands.h"
 #include "cloth_json.h"
+#include "commands.h"
 #include "jsonio.h"
 #include "values.h"
 #include "quorv/host/batch.h"
@@ -457,9 +457,8 @@ int RunScratch(const GlobalOptions& options, const BSDFOptions& o) {
         PrintError(written.GetErrorPointer());
         return 1;
     }
-    std::printf("%s: %lldx%lld, largest |n' - n| %s\n", o.output.c_str(),
-                static_cast<long long>(n), static_cast<long long>(n),
-                Line(NumberToJson(peak)).c_str());
+    std::printf("%s: %lldx%lld, largest |n' - n| %s\n", o.output.c_str(), static_cast<long long>(n),
+                static_cast<long long>(n), Line(NumberToJson(peak)).c_str());
     return 0;
 }
 
@@ -500,7 +499,8 @@ void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<i
     plot->add_option("--cloth", o.cloth, "The cloth class's Init record as JSON");
     plot->callback([&options, &run] { run = [&options] { return RunPlot(options, o); }; });
 
-    auto* scratch = cmd->add_subcommand("scratch", "Draw the scratch frame of the anisotropic BRDF");
+    auto* scratch =
+        cmd->add_subcommand("scratch", "Draw the scratch frame of the anisotropic BRDF");
     scratch->add_option("--class", o.classId,
                         "Class id (default net.quorv.render.bsdflegacyclass.anisotropicbrdf)");
     scratch->add_option("--param", o.params,
