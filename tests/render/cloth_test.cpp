@@ -285,7 +285,8 @@ TEST(ClothWeavePattern, PresetNumbersAndYarns) {
     EXPECT_EQ(p0->yarns[1]->centerV, -0.25);
     EXPECT_EQ(MakePattern(4)->yarns[3]->centerU, -0.1667);
     EXPECT_EQ(MakePattern(5)->yarns[0]->centerV, 0.667);
-    const ClothYarn& y = *MakePattern(1)->yarns[6];  // weft: width 2, length 1
+    const ClothWeavePatternRef p1 = MakePattern(1);
+    const ClothYarn& y = *p1->yarns[6];  // weft: width 2, length 1
     EXPECT_EQ(y.halfWidth, 1.0);
     EXPECT_EQ(y.piOverWidth, PI / 2.0);
     EXPECT_EQ(y.twoOverLength, 2.0);
@@ -431,10 +432,13 @@ TEST(ClothYarn, RadiusOfCurvatureOnEachBranch) {
     EXPECT_NEAR(zero.RadiusOfCurvature(0.5, u3),
                 std::pow(1.0 + std::tan(0.5) * std::tan(0.5), 1.5) * 2.0 * d3, 1e-12);
     // The cached terms of the yarn's own umax give the same bits as a fresh computation.
-    const ClothYarn& warp = *MakePattern(3)->yarns[0];
-    EXPECT_EQ(warp.RadiusOfCurvature(0.3, warp.umax),
-              warp.RadiusOfCurvature(0.3, std::nextafter(warp.umax, 0.0)) * 0 +
-                  ClothYarn(0, 0, 40, 2.0, 1, 9, 0, 0).RadiusOfCurvature(0.3, warp.umax));
+    const ClothWeavePatternRef p3 = MakePattern(3);
+    const ClothYarn& warp = *p3->yarns[0];
+    // A yarn with another own umax takes the general path for this one.
+    const ClothYarn other(0, 0, 41, 2.0, 1, 9, 0, 0);
+    for (Float64 u : {0.0, 0.1, 0.3, 0.6}) {
+        EXPECT_EQ(warp.RadiusOfCurvature(u, warp.umax), other.RadiusOfCurvature(u, warp.umax));
+    }
 }
 
 TEST(ClothYarn, FilamentAndStapleAtNormalIncidenceByHand) {
@@ -659,7 +663,8 @@ TEST(IrawanBRDF, TwoObjectsInOneStateSampleWhatTheOtherEvaluates) {
 // 0.5 / sin(36 degrees) - 1, and preset 5's weft (r 1.5, R 0.5) goes below zero where cos vh <
 // -1/3. Nothing in the model clamps that; the other presets stay at or above zero.
 TEST(IrawanBRDF, FiniteAndNotNegativeOnRandomAndHostilePairs) {
-    const ClothYarn& weft = *MakePattern(1)->yarns[6];
+    const ClothWeavePatternRef p1 = MakePattern(1);
+    const ClothYarn& weft = *p1->yarns[6];
     EXPECT_LT(weft.RadiusOfCurvature(0.0, weft.umax), 0.0);
     std::vector<Vector64> dirs = {{0, 0, 1},      {0, 0, -1},     {1, 0, 0},     {0, 1, 0},
                                   {0, 0, 0},      {1e-300, 0, 1}, {0.6, 0.8, 0}, {0, 0, 1e-12},
