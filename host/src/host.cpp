@@ -71,6 +71,25 @@ Host& Host::Start(const HostOptions& options) {
     return host;
 }
 
+Result<void> Host::AttachBinary(QuorvModuleInfo* info, CpuYieldDelegate* yieldDelegate) {
+    if (!info) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No module record");
+    for (const auto& m : _modules) {
+        if (m->info == info) return OK;
+    }
+    auto binary = std::make_unique<LoadedModule>();
+    binary->info = info;
+    binary->yieldDelegate = yieldDelegate;
+    LoadedModule& module = *binary;
+    _modules.push_back(std::move(binary));
+    BindModule(module, {});
+    Result<void> defined = RunDefinitions(module);
+    if (defined.IsError()) {
+        HostCriticalOutput("Definitions of an attached binary failed: " +
+                           ErrorToString(defined.GetErrorPointer()));
+    }
+    return defined;
+}
+
 void Host::RegisterService(const ServiceTable& table) {
     State::Service& s = _state->services[table.description->interfaceId];
     std::string run(static_cast<size_t>(table.description->count) * 64 + 64, '\0');

@@ -10,6 +10,7 @@
 
 #include <vector>
 
+#include "quorv/host/host.h"
 #include "quorv/result.h"
 #include "render/cameras/camera.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
@@ -19,24 +20,24 @@ namespace quorv::host {
 
 /// `ComputeLightIntensity` of each direction (the web's own space, z its vertical axis):
 /// intensities relative to the web's maximum.
-void IesIntensityBatch(const IesImpl* ies, const Vector64* directions, Float64* intensities,
+QUORV_HOST_API void IesIntensityBatch(const IesImpl* ies, const Vector64* directions, Float64* intensities,
                        Int count);
 
 /// `CreateScreenRay` for each screen position; each ray starts from `rays[i]` as given (the
 /// members the camera does not write keep their values).
-void CameraRayBatch(const CameraRef& camera, const Vector2d64* screen, Ray* rays, Int count);
+QUORV_HOST_API void CameraRayBatch(const CameraRef& camera, const Vector2d64* screen, Ray* rays, Int count);
 
 /// `ComputeBSDF(wo, wiSide, wi)` for each pair; `wiSide` null means wi (what every renderer
 /// call passes). `wo` advances by `woStride` entries (0: one direction for all). Writes the
 /// value and the density of each pair.
-void BSDFEvaluateBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride,
+QUORV_HOST_API void BSDFEvaluateBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride,
                        const Vector64* wi, const Vector64* wiSide, Color64* values,
                        Float64* pdfs, Int count);
 
 /// `SampleF(wo, +z, sample, wi, pdf)` for each sample record. `wo` advances by `woStride`
 /// entries (0: one direction for all). `wi` is read (the value before the call, which a
 /// rejection leaves as it was) and written.
-void BSDFSampleBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride,
+QUORV_HOST_API void BSDFSampleBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride,
                      const BSDFCachedSample* samples, Vector64* wi, Color64* values,
                      Float64* pdfs, Int count);
 
@@ -45,6 +46,6 @@ constexpr Int BSDF_SAMPLE_TABLE_SIZE = 65536;
 
 /// The BSDF_SAMPLE_TABLE_SIZE sample records drawn from the generator seeded with
 /// BSDF_RANDOM_SEED (100), in order; made once, then shared read-only by every thread.
-const std::vector<BSDFCachedSample>& BSDFSampleTable();
+QUORV_HOST_API const std::vector<BSDFCachedSample>& BSDFSampleTable();
 
 }  // namespace quorv::host

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "quorv/host/host.h"
 #include "quorv/result.h"
 
 namespace quorv::host {
@@ -17,6 +18,6 @@ namespace quorv::host {
 /// message "Cannot write PATH: reason" (reason from the system, e.g. "No space left on
 /// device"). A symbolic link at `path` is replaced, not followed. Thread safe; concurrent
 /// writers of one path each publish a whole file and the last rename wins.
-Result<void> WriteFileAtomically(const std::string& path, std::string_view bytes);
+QUORV_HOST_API Result<void> WriteFileAtomically(const std::string& path, std::string_view bytes);
 
 }  // namespace quorv::host

@@ -17,6 +17,9 @@
 #include "quorv/classes.h"
 #include "quorv/spinwait.h"
 
+/// Marks what `libquorv_host.so` exports: the host's API, nothing of its framework copy.
+#define QUORV_HOST_API __attribute__((visibility("default")))
+
 namespace quorv::host {
 
 /// A service implementation: the slot description of its interface and its functions, in
@@ -68,12 +71,17 @@ struct ConfigurationListing {
     std::string value;
 };
 
-class Host {
+class QUORV_HOST_API Host {
 public:
     /// The process's host, started on first use with default options.
     static Host& Get();
     /// Starts the host with options; a second call returns the running host unchanged.
     static Host& Start(const HostOptions& options);
+
+    /// Binds the framework copy of another binary of the process (a program that links
+    /// `libquorv_host.so` has its own) like a module: its slots, then its definitions. A binary
+    /// already bound is left alone. `StartHost` below calls it for the calling binary.
+    Result<void> AttachBinary(QuorvModuleInfo* info, CpuYieldDelegate* yieldDelegate);
 
     /// Loads a module: dlopen, find `g_quorv`, write its initializer, walk its records, bind
     /// its slot tables and run its definitions dependencies first. A failure unloads it again
@@ -126,5 +134,16 @@ private:
     std::unique_ptr<State> _state;
     std::vector<std::unique_ptr<LoadedModule>> _modules;
 };
+
+/// Starts the host (as `Host::Start`) and binds the framework copy of the calling binary. A
+/// program that links the shared host library (`quorv::host`) starts with this: its own calls
+/// through the framework's C++ faces then reach the host's services. In a binary that holds the
+/// host objects itself the second step finds its copy bound already.
+inline Host& StartHost(const HostOptions& options = {}) {
+    Host& h = Host::Start(options);
+    Result<void> attached = h.AttachBinary(&g_quorv, &g_CpuYieldDelegate);
+    (void)attached;  // a failed definition of the caller is in the critical log
+    return h;
+}
 
 }  // namespace quorv::host

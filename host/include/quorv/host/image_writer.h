@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "quorv/host/host.h"
 #include "quorv/result.h"
 
 namespace quorv::host {
@@ -16,10 +17,10 @@ namespace quorv::host {
 /// "net.quorv.error.io" with the library's or the system's reason. The file appears whole or
 /// not at all (`WriteFileAtomically`): on failure an existing file of that name is untouched.
 /// Thread safe.
-Result<void> WriteImage(const std::string& path, Int width, Int height, Int channels,
+QUORV_HOST_API Result<void> WriteImage(const std::string& path, Int width, Int height, Int channels,
                         const Float32* pixels);
 
 /// The 8-bit value a PNG stores for `v`.
-UInt8 ToByte(Float32 v);
+QUORV_HOST_API UInt8 ToByte(Float32 v);
 
 }  // namespace quorv::host
