@@ -94,10 +94,10 @@ Color64 IrawanBRDFImpl::ComputeF_UVW(const Vector64& wo, const Vector64& wi, con
             f = ratio * f * weight;
             f = f + f;
             const bool warp = yarn->type == 0;
-            const Color64& spec = warp ? warpSpecular : weftSpecular;
+            const Color64& specular = warp ? warpSpecular : weftSpecular;
             const Color64& diffuse = warp ? warpDiffuse : weftDiffuse;
-            sum = {sum.r + (f * spec.r + diffuse.r), sum.g + (f * spec.g + diffuse.g),
-                   sum.b + (f * spec.b + diffuse.b)};
+            sum = {sum.r + (f * specular.r + diffuse.r), sum.g + (f * specular.g + diffuse.g),
+                   sum.b + (f * specular.b + diffuse.b)};
         }
     }
     const Float64 divisor = static_cast<Float64>(count + 1);

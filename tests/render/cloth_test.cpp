@@ -514,11 +514,11 @@ struct Cloth {
     IrawanInitData data;
 };
 
-void InitCloth(Cloth& c, UInt32 preset, Int32 quality, Color64 spec, Vector64 delta = {}) {
+void InitCloth(Cloth& c, UInt32 preset, Int32 quality, Color64 specular, Vector64 delta = {}) {
     c.data.warpDiffuse = {0.2, 0.3, 0.4};
     c.data.weftDiffuse = {0.5, 0.1, 0.05};
-    c.data.warpSpecular = spec;
-    c.data.weftSpecular = {spec.b, spec.g, spec.r};
+    c.data.warpSpecular = specular;
+    c.data.weftSpecular = {specular.b, specular.g, specular.r};
     c.data.uvw = {0.013, 0.021, 0.0};
     c.data.uvwDelta = delta;
     c.data.rotation = 0.3;
