@@ -7,7 +7,7 @@ packages=(
     cmake ninja-build g++ binutils
     libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcli11-dev
-    libopenimageio-dev libtbb-dev pkgconf
+    libopenimageio-dev liblcms2-dev libtbb-dev pkgconf
     clang libclang-rt-14-dev
     pybind11-dev python3-dev python3-numpy python3-pytest
 )

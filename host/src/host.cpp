@@ -30,6 +30,16 @@ std::atomic<Host*> g_running{nullptr};
 std::mutex g_startMutex;
 }  // namespace
 
+std::vector<ServiceProvider>& ServiceProviders() {
+    static std::vector<ServiceProvider> providers;
+    return providers;
+}
+
+bool AddServiceProvider(ServiceProvider provider) {
+    ServiceProviders().push_back(provider);
+    return true;
+}
+
 Host::Host() : _state(std::make_unique<State>()) {}
 
 Host& Host::Get() {
@@ -53,8 +63,10 @@ Host& Host::Start(const HostOptions& options) {
     RegisterClassService(host);
     RegisterLexerService(host);
     RegisterParallelService(host);
+    RegisterJobService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
+    for (ServiceProvider provider : ServiceProviders()) provider(host);
 
     // The host's own binary is bound and defined like a module.
     auto self = std::make_unique<LoadedModule>();

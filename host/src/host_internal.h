@@ -39,6 +39,7 @@ void SetFailCountdown(Int n);
 // ---- text, loops, serialisation --------------------------------------------------------------
 void RegisterLexerService(Host& host);
 void RegisterParallelService(Host& host);
+void RegisterJobService(Host& host);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 

@@ -18,7 +18,14 @@ namespace quorv::host {
 
 namespace {
 
-Int GetWorkerCount() { return tbb::this_task_arena::max_concurrency(); }
+// Loops run in an arena of their own: a loop started inside a job of a narrow job queue
+// (whose arena may have a single slot) still gets every core.
+tbb::task_arena& LoopArena() {
+    static tbb::task_arena* arena = new tbb::task_arena(tbb::task_arena::automatic, 1);
+    return *arena;
+}
+
+Int GetWorkerCount() { return LoopArena().max_concurrency(); }
 
 Int GetCurrentWorkerThreadIndex() {
     int i = tbb::this_task_arena::current_thread_index();
@@ -35,6 +42,7 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
     try {
         tbb::task_group_context context;
         const Int workers = GetWorkerCount();
+        LoopArena().execute([&] {
         tbb::parallel_for(
             tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
             [&](const tbb::blocked_range<Int>& r) {
@@ -51,6 +59,7 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
                 }
             },
             tbb::auto_partitioner(), context);
+        });
     } catch (const std::bad_alloc&) {
         return OutOfMemoryError();
     } catch (const std::exception& e) {

@@ -71,6 +71,16 @@ struct ConfigurationListing {
     std::string value;
 };
 
+class Host;
+
+/// Registers services of an optional part of the host (the image services, which link
+/// OpenImageIO and LittleCMS): called by `Host::Start` after the built-in services, before the
+/// host's own binary is bound. Meant for static initialisers; answers true.
+using ServiceProvider = void (*)(Host& host);
+QUORV_HOST_API bool AddServiceProvider(ServiceProvider provider);
+/// The providers added so far, in order.
+QUORV_HOST_API std::vector<ServiceProvider>& ServiceProviders();
+
 class QUORV_HOST_API Host {
 public:
     /// The process's host, started on first use with default options.
