@@ -64,6 +64,7 @@ Host& Host::Start(const HostOptions& options) {
     RegisterLexerService(host);
     RegisterParallelService(host);
     RegisterJobService(host);
+    RegisterObservableService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);

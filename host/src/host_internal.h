@@ -40,6 +40,7 @@ void SetFailCountdown(Int n);
 void RegisterLexerService(Host& host);
 void RegisterParallelService(Host& host);
 void RegisterJobService(Host& host);
+void RegisterObservableService(Host& host);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 

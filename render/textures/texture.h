@@ -14,6 +14,7 @@
 #include "quorv/basearray.h"
 #include "quorv/image.h"
 #include "quorv/jobs.h"
+#include "quorv/observable.h"
 #include "quorv/onceguard.h"
 #include "quorv/url.h"
 
@@ -129,6 +130,19 @@ struct ThreadedTextureImpl {
     M(Result<void>, GetDetails, (const ThreadedTextureImpl* sampler, Int* width, Int* height, Float64* fps, Float64* duration), (sampler, width, height, fps, duration)) \
     M(ColorA64*, Sample, (ThreadedTextureImpl* sampler, ColorA64* result, const Vector2d64& uv, const Vector2d64& footprint, TEXTUREMODE modeU, TEXTUREMODE modeV, TEXTUREINTERPOLATION interpolation, DESTINATIONCOLORSPACE colorSpace, ALPHAPROCESSING alphaProcessing, Bool tile), (sampler, result, uv, footprint, modeU, modeV, interpolation, colorSpace, alphaProcessing, tile)) \
     M(ImageTextureObject*, GetImage, (const ThreadedTextureImpl* sampler), (sampler))
+/// Maps the time of a `LoadTexture` request once the picture's duration is known; may change
+/// `time`. An error ends the request.
+struct TextureTimeMapper {
+    Result<void> (*call)(void* user, Float64 duration, Float64* time) = nullptr;
+    void* user = nullptr;
+};
+#define QUORV_TEXTUREMANAGEMENT_METHODS(M) \
+    M(Result<TextureImpl*>, LoadTexture, (const UrlObject* url, const UrlObject* const* searchPaths, Int searchPathCount, UInt32 flags, const LayerSetObject* layerSet, Float64 time, const TextureTimeMapper* timeMapper), (url, searchPaths, searchPathCount, flags, layerSet, time, timeMapper)) \
+    M(Result<UrlObject*>, ResolveUrl, (const UrlObject* url, const UrlObject* const* searchPaths, Int searchPathCount), (url, searchPaths, searchPathCount)) \
+    M(void, AllowReinitialization, (), ()) \
+    M(void, FlushUnused, (), ()) \
+    M(void, FlushAll, (), ()) \
+    M(ObservableObject*, ObservableFlushed, (Bool create), (create))
 // clang-format on
 
 /// Textures. `Alloc` answers an empty texture with one reference (null when memory is short);
@@ -142,6 +156,17 @@ QUORV_NONVIRTUAL_INTERFACE(TextureInterface, "net.quorv.render.interface.texture
 /// not be built gives black with alpha 1) and takes no lock once the structures it needs exist.
 QUORV_NONVIRTUAL_INTERFACE(ThreadedTextureInterface, "net.quorv.render.interface.threadedtexture",
                            QUORV_THREADEDTEXTURE_METHODS);
+
+/// The module's cache of textures. `LoadTexture` resolves the url ("relative" urls against the
+/// search paths, first path first), loads each picture variant (url, conversion flag, layer set,
+/// time clamped into the picture's duration) once however many threads ask, and answers the
+/// shared texture with a new reference; a failed load answers its error to every caller until
+/// `AllowReinitialization` or a flush. `FlushUnused` empties entries nobody outside holds,
+/// `FlushAll` every entry (held textures go on working, unshared), and both notify the
+/// observable of `ObservableFlushed` (made at first use when `create` is set; not referenced
+/// for the caller). Relative urls that cannot be resolved give "Could not load relative path".
+QUORV_NONVIRTUAL_INTERFACE(TextureManagementInterface, "net.quorv.render.interface.texturemanagement",
+                           QUORV_TEXTUREMANAGEMENT_METHODS);
 
 /// Owning handle of a texture.
 class TextureRef {

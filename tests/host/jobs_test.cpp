@@ -81,17 +81,19 @@ TEST(Jobs, ACancelledParentCancelsItsChildren) {
         if (child.IsError()) return child.GetError();
         QUORV_RETURN_IF_ERROR(child.GetValue().Enqueue());
         child.GetValue().Wait();
-        return OK;
+        return child.GetValue().GetResult();
     });
     ASSERT_TRUE(parent.IsOk());
     ASSERT_TRUE(parent.GetValue().Enqueue().IsOk());
     parent.GetValue().Cancel();
     release = true;
     EXPECT_TRUE(parent.GetValue().Wait());
-    // The child either saw the cancel or never ran: in neither case did it miss it while running.
+    // Whichever of parent and child ran saw the cancel; one that had not started never ran.
     Result<void> r = parent.GetValue().GetResult();
     if (r.IsOk()) {
         EXPECT_TRUE(sawCancel.load());
+    } else {
+        EXPECT_TRUE(IsOperationCancelled(r.GetErrorPointer()));
     }
 }
 
