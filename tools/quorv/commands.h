@@ -24,5 +24,6 @@ void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<in
 void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddClothCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddIdCommand(CLI::App& app, std::function<int()>& run);
+void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
     AddBSDFCommand(app, options, run);
     AddClothCommand(app, options, run);
     AddIdCommand(app, run);
+    AddTextureCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
