@@ -44,6 +44,7 @@ bench:
 	build/release/bin/bench_batch
 	PYTHONPATH=build/release/python /usr/bin/python3 bench/python_batch_bench.py
 	build/release/bin/bench_cloth
+	build/release/bin/bench_texture
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.

@@ -68,6 +68,16 @@ struct Family {
         return p;
     }
 
+    // `n` (at most 4) neighbouring pixels of one row in one call of the handler.
+    void PictureRun(Int x, Int y, Int n, Pixel4* out) const {
+        Float64 run[16];
+        s->getPixel->read(s->getPixel, x, y, n, run);
+        for (Int i = 0; i < n; ++i) {
+            const Float64* p = run + i * CH;
+            out[i] = {{p[0], p[1], p[2], CH == 4 ? p[CH == 4 ? 3 : 0] : 1.0}};
+        }
+    }
+
     // A picture value in the storage type, for the reduction of levels without texels.
     static T ToStorage(Float64 v) {
         if constexpr (std::is_floating_point_v<T>) return static_cast<T>(v);
@@ -125,6 +135,13 @@ struct Family {
         const Int x0 = static_cast<Int>(floorX), y0 = static_cast<Int>(floorY);
         const Int mx0 = MapCoordinate(x0, l.width, modeU), mx1 = MapCoordinate(x0 + 1, l.width, modeU);
         const Int my0 = MapCoordinate(y0, l.height, modeV), my1 = MapCoordinate(y0 + 1, l.height, modeV);
+        if (!l.texels && l.scaleX == 1 && l.scaleY == 1 && mx1 == mx0 + 1) {
+            // Two pixels of each row in one call.
+            Pixel4 top[2], bottom[2];
+            PictureRun(mx0, my0, 2, top);
+            PictureRun(mx0, my1, 2, bottom);
+            return Lerp(Lerp(top[0], bottom[0], ty), Lerp(top[1], bottom[1], ty), tx);
+        }
         const Pixel4 left = Lerp(Texel(l, mx0, my0), Texel(l, mx0, my1), ty);
         const Pixel4 right = Lerp(Texel(l, mx1, my0), Texel(l, mx1, my1), ty);
         return Lerp(left, right, tx);
@@ -152,9 +169,14 @@ struct Family {
         for (int j = 0; j < 4; ++j) {
             const Int y = MapCoordinate(y0 - 1 + j, t->height, modeV);
             Pixel4 row{{0.0, 0.0, 0.0, 0.0}};
+            Pixel4 p[4];
+            if (xs[3] == xs[0] + 3) {
+                PictureRun(xs[0], y, 4, p);
+            } else {
+                for (int i = 0; i < 4; ++i) p[i] = Picture(xs[i], y);
+            }
             for (int i = 0; i < 4; ++i) {
-                const Pixel4 p = Picture(xs[i], y);
-                for (int k = 0; k < 4; ++k) row.v[k] += wx[i] * p.v[k];
+                for (int k = 0; k < 4; ++k) row.v[k] += wx[i] * p[i].v[k];
             }
             for (int k = 0; k < 4; ++k) sum.v[k] += wy[j] * row.v[k];
         }

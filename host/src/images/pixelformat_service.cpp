@@ -196,6 +196,27 @@ struct WriteHandler {
     ~WriteHandler() { RemoveReference(image); }
 };
 
+// The common case of the samplers: an rgb or rgba picture read into rgb.f64 or rgba.f64 with
+// nothing remapped, unrolled by channel counts.
+template <typename S, int SC, int TC>
+void ReadDirectToF64(const PixelReadHandler* h, Int x, Int y, Int count, void* destination) {
+    const auto* self = reinterpret_cast<const ReadHandler*>(h);
+    const S* s = reinterpret_cast<const S*>(self->image->pixels.data() + y * self->image->rowBytes) + x * SC;
+    Float64* d = static_cast<Float64*>(destination);
+    for (Int i = 0; i < count; ++i, s += SC, d += TC) {
+        d[0] = ToUnit(s[0]);
+        d[1] = ToUnit(s[1]);
+        d[2] = ToUnit(s[2]);
+        if constexpr (TC == 4) d[3] = SC == 4 ? ToUnit(s[SC == 4 ? 3 : 0]) : 1.0;
+    }
+}
+
+template <typename S>
+PixelReadHandler::Function PickDirect(Int sc, Int tc) {
+    if (sc == 3) return tc == 3 ? &ReadDirectToF64<S, 3, 3> : &ReadDirectToF64<S, 3, 4>;
+    return tc == 3 ? &ReadDirectToF64<S, 4, 3> : &ReadDirectToF64<S, 4, 4>;
+}
+
 void ReadLine(const PixelReadHandler* h, Int x, Int y, Int count, void* destination) {
     const auto* self = reinterpret_cast<const ReadHandler*>(h);
     const unsigned char* row = self->image->pixels.data() + y * self->image->rowBytes + x * self->sourcePixelBytes;
@@ -277,6 +298,18 @@ Result<PixelReadHandler*> GetPixelHandler(const ImageObject* image, const PixelF
     if (!h) return OutOfMemoryError();
     AddReference(h);
     h->face.read = &ReadLine;
+    const PixelFormatObject* source = image->format;
+    const bool plainSource = source->layout == PIXELLAYOUT::RGB || source->layout == PIXELLAYOUT::RGBA;
+    const bool plainTarget = target->type == CHANNELTYPE::F64 &&
+                             (target->layout == PIXELLAYOUT::RGB || target->layout == PIXELLAYOUT::RGBA);
+    if (plainSource && plainTarget && (!layerSet || layerSet->mode == LAYERSETMODE::LAYERS)) {
+        switch (source->type) {
+            case CHANNELTYPE::U8: h->face.read = PickDirect<UInt8>(source->channels, target->channels); break;
+            case CHANNELTYPE::U16: h->face.read = PickDirect<UInt16>(source->channels, target->channels); break;
+            case CHANNELTYPE::F32: h->face.read = PickDirect<Float32>(source->channels, target->channels); break;
+            case CHANNELTYPE::F64: h->face.read = PickDirect<Float64>(source->channels, target->channels); break;
+        }
+    }
     h->image = const_cast<ImageObject*>(image);
     AddReference(image);
     h->map = MakeMap(image->format, target, layerSet);

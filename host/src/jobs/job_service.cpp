@@ -174,10 +174,14 @@ bool TryRun(JobObject* job) {
     return true;
 }
 
+// Each pending entry holds a reference of its own, dropped by whoever pops it: a job that a
+// waiter ran inline may have ended long before its entry comes up.
 bool RunOnePending(JobQueueObject& queue) {
     JobObject* job = nullptr;
     while (queue.pending.try_pop(job)) {
-        if (TryRun(job)) return true;
+        const bool ran = TryRun(job);
+        RemoveJobReference(job);
+        if (ran) return true;
     }
     return false;
 }
@@ -201,6 +205,7 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
     job->queue.store(&q, std::memory_order_relaxed);
     job->state.store(JOBSTATE::QUEUED, std::memory_order_release);
     try {
+        AddJobReference(job);  // the pending entry's
         q.pending.push(job);
         q.arenaTasks.fetch_add(1, std::memory_order_relaxed);
         q.arena.enqueue([&q] {
