@@ -2,10 +2,9 @@
 // footprints, in one program and run; the first-use builds of the pyramid (MIP chain and RIP
 // table together) and of the summed area table; a cached LoadTexture. The module's sources are
 // linked in, as in the white-box tests, with the host's real image and job services.
-#include <benchmark/benchmark.h>
-
 #include <OpenImageIO/imageio.h>
 #include <OpenImageIO/texture.h>
+#include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -29,8 +28,9 @@ constexpr size_t TABLE = 4096;  // lookup positions, a power of two
 
 // A picture with detail at every scale, written once as an uncompressed TIFF.
 std::string Picture(int height) {
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("quorv_bench_" + std::to_string(height) + ".tif")).string();
+    const std::string path = (std::filesystem::temp_directory_path() /
+                              ("quorv_bench_" + std::to_string(height) + ".tif"))
+                                 .string();
     if (std::filesystem::exists(path)) return path;
     std::vector<unsigned char> px(static_cast<size_t>(SIZE) * height * 4);
     for (int y = 0; y < height; ++y)
@@ -45,7 +45,8 @@ std::string Picture(int height) {
     OIIO::ImageSpec spec(SIZE, height, 4, OIIO::TypeDesc::UINT8);
     spec.attribute("oiio:UnassociatedAlpha", 1);
     spec.attribute("compression", "none");
-    if (!out || !out->open(path, spec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) || !out->close()) {
+    if (!out || !out->open(path, spec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
+        !out->close()) {
         Fail("cannot write " + path);
     }
     return path;
@@ -73,8 +74,8 @@ TextureRef& Texture() {
         options.echoCriticalOutput = false;
         host::Host::Start(options);
         Result<Url> url = Url::FromText(Picture(SIZE));
-        Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(url.GetValue().GetObject(), nullptr, 0, 0,
-                                                                         nullptr, 0.0, nullptr);
+        Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(
+            url.GetValue().GetObject(), nullptr, 0, 0, nullptr, 0.0, nullptr);
         if (r.IsError()) Fail(ErrorToString(r.GetErrorPointer()));
         return TextureRef::Adopt(r.GetValue());
     }();
@@ -86,22 +87,31 @@ void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, d
     if (s.IsError()) Fail(ErrorToString(s.GetErrorPointer()));
     const ThreadedTextureRef& sampler = s.GetValue();
     // Builds the pyramid outside the timing of the first iteration.
-    sampler.Sample({0.5, 0.5}, {footprint, footprint}, TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT, interpolation);
+    sampler.Sample({0.5, 0.5}, {footprint, footprint}, TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT,
+                   interpolation);
     size_t i = static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
-        const ColorA64 c = sampler.Sample(g_positions.uv[i++ & (TABLE - 1)], {footprint, footprint}, TEXTUREMODE::REPEAT,
-                                          TEXTUREMODE::REPEAT, interpolation);
+        const ColorA64 c = sampler.Sample(g_positions.uv[i++ & (TABLE - 1)], {footprint, footprint},
+                                          TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT, interpolation);
         sum += c.r;
     }
     benchmark::DoNotOptimize(sum);
     state.SetItemsProcessed(state.iterations());
 }
 
-void BM_QuorvBilinear(benchmark::State& state) { QuorvLookups(state, TEXTUREINTERPOLATION::LINEAR, 0.0); }
-void BM_QuorvBicubic(benchmark::State& state) { QuorvLookups(state, TEXTUREINTERPOLATION::BICUBIC, 0.0); }
-void BM_QuorvMip(benchmark::State& state) { QuorvLookups(state, TEXTUREINTERPOLATION::MIP, FOOTPRINT); }
-void BM_QuorvRip(benchmark::State& state) { QuorvLookups(state, TEXTUREINTERPOLATION::RIP, FOOTPRINT); }
+void BM_QuorvBilinear(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::LINEAR, 0.0);
+}
+void BM_QuorvBicubic(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::BICUBIC, 0.0);
+}
+void BM_QuorvMip(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::MIP, FOOTPRINT);
+}
+void BM_QuorvRip(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::RIP, FOOTPRINT);
+}
 
 OIIO::TextureSystem* Oiio() {
     static OIIO::TextureSystem* ts = [] {
@@ -116,7 +126,8 @@ OIIO::TextureSystem* Oiio() {
 
 void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double footprint) {
     OIIO::TextureSystem* ts = Oiio();
-    OIIO::TextureSystem::TextureHandle* handle = ts->get_texture_handle(OIIO::ustring(Picture(SIZE)));
+    OIIO::TextureSystem::TextureHandle* handle =
+        ts->get_texture_handle(OIIO::ustring(Picture(SIZE)));
     OIIO::TextureSystem::Perthread* thread = ts->get_perthread_info();
     OIIO::TextureOpt opt;
     opt.mipmode = mip;
@@ -126,13 +137,15 @@ void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double 
     float out[4];
     // Warm the tile cache over the whole table first.
     for (const Vector2d64& p : g_positions.uv) {
-        ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d, 0, 0, d, 4, out);
+        ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d, 0, 0,
+                    d, 4, out);
     }
     size_t i = static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
         const Vector2d64& p = g_positions.uv[i++ & (TABLE - 1)];
-        if (!ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d, 0, 0, d, 4, out)) {
+        if (!ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d,
+                         0, 0, d, 4, out)) {
             Fail(ts->geterror());
         }
         sum += out[0];
@@ -141,8 +154,12 @@ void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double 
     state.SetItemsProcessed(state.iterations());
 }
 
-void BM_OiioBilinear(benchmark::State& state) { OiioLookups(state, OIIO::TextureOpt::MipModeNoMIP, 0.0); }
-void BM_OiioTrilinear(benchmark::State& state) { OiioLookups(state, OIIO::TextureOpt::MipModeTrilinear, FOOTPRINT); }
+void BM_OiioBilinear(benchmark::State& state) {
+    OiioLookups(state, OIIO::TextureOpt::MipModeNoMIP, 0.0);
+}
+void BM_OiioTrilinear(benchmark::State& state) {
+    OiioLookups(state, OIIO::TextureOpt::MipModeTrilinear, FOOTPRINT);
+}
 
 // A fresh texture per iteration (loading not timed), then the first-use build.
 void Build(benchmark::State& state, int height, bool summedArea) {
@@ -153,8 +170,10 @@ void Build(benchmark::State& state, int height, bool summedArea) {
         Result<TextureRef> t = TextureRef::Load(url.GetValue());
         if (t.IsError()) Fail(ErrorToString(t.GetErrorPointer()));
         state.ResumeTiming();
-        if (summedArea) texture::EnsureSummedAreaTable(t.GetValue().Get());
-        else texture::EnsurePyramid(t.GetValue().Get());
+        if (summedArea)
+            texture::EnsureSummedAreaTable(t.GetValue().Get());
+        else
+            texture::EnsurePyramid(t.GetValue().Get());
         state.PauseTiming();
         const bool ready = summedArea ? t.GetValue()->summedAreaTable != nullptr
                                       : t.GetValue()->pyramidState.load() == TEXTURE_STATE_READY;
@@ -172,8 +191,8 @@ void BM_LoadTextureCached(benchmark::State& state) {
     Texture();
     Result<Url> url = Url::FromText(Picture(SIZE));
     for (auto _ : state) {
-        Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(url.GetValue().GetObject(), nullptr, 0, 0,
-                                                                         nullptr, 0.0, nullptr);
+        Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(
+            url.GetValue().GetObject(), nullptr, 0, 0, nullptr, 0.0, nullptr);
         benchmark::DoNotOptimize(r.GetValue());
         RemoveReference(r.GetValue());
     }

@@ -4,7 +4,9 @@ namespace quorv {
 
 namespace {
 
-JobObject* JobOf(UInt word) { return reinterpret_cast<JobObject*>(word & ~UInt(OnceGuard::STATE_MASK)); }
+JobObject* JobOf(UInt word) {
+    return reinterpret_cast<JobObject*>(word & ~UInt(OnceGuard::STATE_MASK));
+}
 
 }  // namespace
 
@@ -76,9 +78,12 @@ Result<void> OnceGuard::RunAsOwner(JobFunction build, void* user, FAILURE failur
     Result<void> r = job.GetResult();
     const bool cancelled = r.IsError() && IsOperationCancelled(r.GetErrorPointer());
     UInt next;
-    if (r.IsOk() || (failure == FAILURE::MARK_DONE && !cancelled)) next = DONE;
-    else if (cancelled) next = FREE;
-    else next = reinterpret_cast<UInt>(raw) | FAILED;
+    if (r.IsOk() || (failure == FAILURE::MARK_DONE && !cancelled))
+        next = DONE;
+    else if (cancelled)
+        next = FREE;
+    else
+        next = reinterpret_cast<UInt>(raw) | FAILED;
     UInt expected = running;
     while (!_word.compare_exchange_weak(expected, next, std::memory_order_acq_rel)) {
         expected = running;

@@ -43,22 +43,22 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
         tbb::task_group_context context;
         const Int workers = GetWorkerCount();
         LoopArena().execute([&] {
-        tbb::parallel_for(
-            tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
-            [&](const tbb::blocked_range<Int>& r) {
-                if (failed.load(std::memory_order_relaxed)) return;
-                Int worker = GetCurrentWorkerThreadIndex();
-                if (worker < 0 || worker >= workers) worker = 0;
-                Result<void> result = body(user, r.begin(), r.end(), worker);
-                if (result.IsError()) {
-                    std::lock_guard<std::mutex> lock(errorMutex);
-                    if (!failed.exchange(true)) {
-                        first = result;
-                        context.cancel_group_execution();
+            tbb::parallel_for(
+                tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
+                [&](const tbb::blocked_range<Int>& r) {
+                    if (failed.load(std::memory_order_relaxed)) return;
+                    Int worker = GetCurrentWorkerThreadIndex();
+                    if (worker < 0 || worker >= workers) worker = 0;
+                    Result<void> result = body(user, r.begin(), r.end(), worker);
+                    if (result.IsError()) {
+                        std::lock_guard<std::mutex> lock(errorMutex);
+                        if (!failed.exchange(true)) {
+                            first = result;
+                            context.cancel_group_execution();
+                        }
                     }
-                }
-            },
-            tbb::auto_partitioner(), context);
+                },
+                tbb::auto_partitioner(), context);
         });
     } catch (const std::bad_alloc&) {
         return OutOfMemoryError();

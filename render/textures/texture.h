@@ -21,7 +21,14 @@
 namespace quorv {
 
 /// Filter of a sample.
-enum class TEXTUREINTERPOLATION : Int32 { NONE = 0, LINEAR = 2, MIP = 3, RIP = 4, SUMMEDAREA = 5, BICUBIC = 6 };
+enum class TEXTUREINTERPOLATION : Int32 {
+    NONE = 0,
+    LINEAR = 2,
+    MIP = 3,
+    RIP = 4,
+    SUMMEDAREA = 5,
+    BICUBIC = 6
+};
 /// Border mode of one axis. The reduction of a position into the unit square is the reverse
 /// of what the names suggest (see `ThreadedTextureImpl`).
 enum class TEXTUREMODE : Int32 { EXTEND = 0, CLAMP = 1, REPEAT = 2, MIRROR = 3 };
@@ -149,7 +156,8 @@ struct TextureTimeMapper {
 /// `Free` drops a reference. `Init(url, flags, layerSet, time)` loads the picture and fixes
 /// formats and colour handling; every error comes back wrapped as "TextureImpl::Init Error: @".
 /// `GetImage` answers the picture without adding a reference.
-QUORV_NONVIRTUAL_INTERFACE(TextureInterface, "net.quorv.render.interface.texture", QUORV_TEXTURE_METHODS);
+QUORV_NONVIRTUAL_INTERFACE(TextureInterface, "net.quorv.render.interface.texture",
+                           QUORV_TEXTURE_METHODS);
 
 /// Samplers. `Init` binds a texture (an illegal-argument error without one). `Sample` writes
 /// red, green, blue, alpha into `result` and returns it; it never fails (a structure that could
@@ -165,7 +173,8 @@ QUORV_NONVIRTUAL_INTERFACE(ThreadedTextureInterface, "net.quorv.render.interface
 /// `FlushAll` every entry (held textures go on working, unshared), and both notify the
 /// observable of `ObservableFlushed` (made at first use when `create` is set; not referenced
 /// for the caller). Relative urls that cannot be resolved give "Could not load relative path".
-QUORV_NONVIRTUAL_INTERFACE(TextureManagementInterface, "net.quorv.render.interface.texturemanagement",
+QUORV_NONVIRTUAL_INTERFACE(TextureManagementInterface,
+                           "net.quorv.render.interface.texturemanagement",
                            QUORV_TEXTUREMANAGEMENT_METHODS);
 
 /// Owning handle of a texture.
@@ -187,8 +196,8 @@ public:
         return r;
     }
     /// A texture loaded from `url`.
-    static Result<TextureRef> Load(const Url& url, UInt32 flags = 0, const LayerSetObject* layerSet = nullptr,
-                                   Float64 time = 0.0) {
+    static Result<TextureRef> Load(const Url& url, UInt32 flags = 0,
+                                   const LayerSetObject* layerSet = nullptr, Float64 time = 0.0) {
         TextureRef r = Adopt(TextureInterface::Alloc(QUORV_SOURCE_LOCATION));
         if (!r._p) return OutOfMemoryError();
         QUORV_RETURN_IF_ERROR(TextureInterface::Init(r._p, url.GetObject(), flags, layerSet, time));
@@ -229,8 +238,8 @@ public:
                     DESTINATIONCOLORSPACE colorSpace = DESTINATIONCOLORSPACE::RAW,
                     ALPHAPROCESSING alpha = ALPHAPROCESSING::NONE, Bool tile = true) const {
         ColorA64 c;
-        ThreadedTextureInterface::Sample(_p, &c, uv, footprint, modeU, modeV, interpolation, colorSpace,
-                                         alpha, tile);
+        ThreadedTextureInterface::Sample(_p, &c, uv, footprint, modeU, modeV, interpolation,
+                                         colorSpace, alpha, tile);
         return c;
     }
     ThreadedTextureImpl* Get() const { return _p; }

@@ -47,7 +47,8 @@ void DestroyTexture(void* object) {
 
 template <typename T>
 T* NewPlain(Int count = 1) {
-    void* block = SystemInterface::Alloc(static_cast<Int>(sizeof(T)) * count, QUORV_SOURCE_LOCATION);
+    void* block =
+        SystemInterface::Alloc(static_cast<Int>(sizeof(T)) * count, QUORV_SOURCE_LOCATION);
     if (!block) return nullptr;
     T* p = static_cast<T*>(block);
     for (Int i = 0; i < count; ++i) new (p + i) T();
@@ -72,10 +73,13 @@ const PixelFormatObject* Format(const char* name) { return FindPixelFormat(name)
 
 Error WrapInitError(const Error& inner) {
     const ErrorObject* e = inner.Get();
-    std::string text = e && e->message ? std::string(e->message) : std::string(e ? e->id.View() : "");
-    std::string id = e ? std::string(e->id.View()) : std::string(ErrorKindId(ERRORKIND::ILLEGALSTATE));
+    std::string text =
+        e && e->message ? std::string(e->message) : std::string(e ? e->id.View() : "");
+    std::string id =
+        e ? std::string(e->id.View()) : std::string(ErrorKindId(ERRORKIND::ILLEGALSTATE));
     if (e && e->kind != ERRORKIND::OTHER) {
-        return MakeError(e->kind, QUORV_SOURCE_LOCATION, FormatMessage("TextureImpl::Init Error: @", {text}));
+        return MakeError(e->kind, QUORV_SOURCE_LOCATION,
+                         FormatMessage("TextureImpl::Init Error: @", {text}));
     }
     return MakeErrorWithId(e ? e->id.text : "net.quorv.error.unknown", QUORV_SOURCE_LOCATION,
                            FormatMessage("TextureImpl::Init Error: @", {text}),
@@ -83,21 +87,25 @@ Error WrapInitError(const Error& inner) {
 }
 
 // Replaces the picture by a regular floating-point copy, line by line in this thread.
-Result<void> ConvertToFloat(TextureImpl* t, const ImageObject* source, const LayerSetObject* layerSet) {
+Result<void> ConvertToFloat(TextureImpl* t, const ImageObject* source,
+                            const LayerSetObject* layerSet) {
     const PixelFormatObject* sourceFormat = ImageInterface::GetPixelFormat(source);
-    const bool grey = PixelFormatInterface::GetColorSpace(sourceFormat) == LiteralId(imageids::COLORSPACE_GREY);
+    const bool grey =
+        PixelFormatInterface::GetColorSpace(sourceFormat) == LiteralId(imageids::COLORSPACE_GREY);
     const bool alpha = PixelFormatInterface::HasAlpha(sourceFormat) ||
                        (layerSet && LayerSetInterface::GetCalculateAlpha(layerSet));
-    const PixelFormatObject* target = Format(grey ? (alpha ? "greya.f32" : "grey.f32") : (alpha ? "rgba.f32" : "rgb.f32"));
-    const ColorProfileObject* profile =
-        ColorProfileInterface::GetStandard(grey ? imageids::PROFILE_LINEAR_GREY : imageids::PROFILE_LINEAR_RGB);
+    const PixelFormatObject* target =
+        Format(grey ? (alpha ? "greya.f32" : "grey.f32") : (alpha ? "rgba.f32" : "rgb.f32"));
+    const ColorProfileObject* profile = ColorProfileInterface::GetStandard(
+        grey ? imageids::PROFILE_LINEAR_GREY : imageids::PROFILE_LINEAR_RGB);
     const Int w = ImageInterface::GetWidth(source);
     const Int h = ImageInterface::GetHeight(source);
     Result<ImageObject*> created =
         ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, w, h, target);
     if (created.IsError()) return created.GetError();
     Ref<ImageObject> image = Ref<ImageObject>::Adopt(created.GetValue());
-    Ref<ImageTextureObject> picture = Ref<ImageTextureObject>::Adopt(ImageTextureInterface::Alloc(QUORV_SOURCE_LOCATION));
+    Ref<ImageTextureObject> picture =
+        Ref<ImageTextureObject>::Adopt(ImageTextureInterface::Alloc(QUORV_SOURCE_LOCATION));
     if (!picture) return OutOfMemoryError();
     QUORV_RETURN_IF_ERROR(ImageTextureInterface::AddImage(picture.Get(), image.Get()));
     ImageTextureInterface::SetColorProfile(picture.Get(), profile);
@@ -111,7 +119,8 @@ Result<void> ConvertToFloat(TextureImpl* t, const ImageObject* source, const Lay
     BaseArray<UInt8> line;
     QUORV_RETURN_IF_ERROR(line.Resize(w * PixelFormatInterface::GetBytesPerPixel(target)));
     for (Int y = 0; y < h; ++y) {
-        if (ThreadServicesInterface::IsCurrentJobCancelled()) return OperationCancelledError(QUORV_SOURCE_LOCATION);
+        if (ThreadServicesInterface::IsCurrentJobCancelled())
+            return OperationCancelledError(QUORV_SOURCE_LOCATION);
         read->read(read.Get(), 0, y, w, line.GetFirst());
         write->write(write.Get(), 0, y, w, line.GetFirst());
     }
@@ -119,32 +128,38 @@ Result<void> ConvertToFloat(TextureImpl* t, const ImageObject* source, const Lay
     return OK;
 }
 
-Result<void> InitSteps(TextureImpl* t, const UrlObject* url, UInt32 flags, const LayerSetObject* layerSet,
-                       Float64 time) {
+Result<void> InitSteps(TextureImpl* t, const UrlObject* url, UInt32 flags,
+                       const LayerSetObject* layerSet, Float64 time) {
     // 1. A second Init starts clean.
     FreePyramid(t->pyramid);
     FreeSummedAreaTable(t->summedAreaTable);
     t->pyramidState.store(TEXTURE_STATE_NOT_BUILT, std::memory_order_release);
     t->summedAreaState.store(TEXTURE_STATE_NOT_BUILT, std::memory_order_release);
     t->pyramidGuard.ClaimDone() ? t->pyramidGuard.Release() : (void)t->pyramidGuard.ResetFailed();
-    t->summedAreaGuard.ClaimDone() ? t->summedAreaGuard.Release() : (void)t->summedAreaGuard.ResetFailed();
+    t->summedAreaGuard.ClaimDone() ? t->summedAreaGuard.Release()
+                                   : (void)t->summedAreaGuard.ResetFailed();
     t->noSummedAreaTable = false;
 
     // 2. Load.
-    Result<ImageTextureObject*> loaded = ImageTextureInterface::Load(url, time, imageids::STORAGE_VOXEL, layerSet);
+    Result<ImageTextureObject*> loaded =
+        ImageTextureInterface::Load(url, time, imageids::STORAGE_VOXEL, layerSet);
     if (loaded.IsError()) return loaded.GetError();
     t->image = Ref<ImageTextureObject>::Adopt(loaded.GetValue());
 
     // 3. Layer set, frame rate, duration.
     t->layerSet = Ref<LayerSetObject>(const_cast<LayerSetObject*>(layerSet));
-    Float64 fps = ImageTextureInterface::GetFloatProperty(t->image.Get(), imageids::PROPERTY_FPS, 0.0);
+    Float64 fps =
+        ImageTextureInterface::GetFloatProperty(t->image.Get(), imageids::PROPERTY_FPS, 0.0);
     t->frameRate = fps == 0.0 ? 30.0 : fps;
-    t->duration = ImageTextureInterface::GetFloatProperty(t->image.Get(), imageids::PROPERTY_DURATION, 0.0);
+    t->duration =
+        ImageTextureInterface::GetFloatProperty(t->image.Get(), imageids::PROPERTY_DURATION, 0.0);
 
     // 4. The first image; without one the error is kept and the flow goes on.
     Result<void> result = OK;
     const ImageObject* first = ImageTextureInterface::GetFirstImage(t->image.Get());
-    if (!first) result = MakeErrorWithId("net.quorv.error.unknown", QUORV_SOURCE_LOCATION, "Picture without image");
+    if (!first)
+        result = MakeErrorWithId("net.quorv.error.unknown", QUORV_SOURCE_LOCATION,
+                                 "Picture without image");
 
     // 5. Conversion to a regular floating-point copy.
     if ((flags & TEXTURE_FLAG_CONVERT_TO_FLOAT) != 0 && first && !IsRegularFloatingPointFormat(t)) {
@@ -163,7 +178,8 @@ Result<void> InitSteps(TextureImpl* t, const UrlObject* url, UInt32 flags, const
     // 9. The layer set decides.
     if (layerSet) {
         const LAYERSETMODE mode = LayerSetInterface::GetMode(layerSet);
-        if (mode == LAYERSETMODE::LAYERMASKS || mode == LAYERSETMODE::ALPHAS || mode == LAYERSETMODE::LAYERALPHA) {
+        if (mode == LAYERSETMODE::LAYERMASKS || mode == LAYERSETMODE::ALPHAS ||
+            mode == LAYERSETMODE::LAYERALPHA) {
             t->isGrey = true;
             profile = ColorProfileInterface::GetStandard(imageids::PROFILE_LINEAR_GREY);
             t->hasAlpha = false;
@@ -185,26 +201,32 @@ Result<void> InitSteps(TextureImpl* t, const UrlObject* url, UInt32 flags, const
     t->inverseHeight = t->height != 0 ? 1.0 / static_cast<Float64>(t->height) : 0.0;
     t->readFormat = Format(t->hasAlpha ? "rgba.f64" : "rgb.f64");
     t->convertFormat = Format(t->isGrey ? "grey.f64" : "rgb.f64");
-    if (t->isFloat) t->storageFormat = Format(t->hasAlpha ? "rgba.f32" : "rgb.f32");
-    else if (t->is16Bit) t->storageFormat = Format(t->hasAlpha ? "rgba.u16" : "rgb.u16");
-    else t->storageFormat = Format(t->hasAlpha ? "rgba.u8" : "rgb.u8");
+    if (t->isFloat)
+        t->storageFormat = Format(t->hasAlpha ? "rgba.f32" : "rgb.f32");
+    else if (t->is16Bit)
+        t->storageFormat = Format(t->hasAlpha ? "rgba.u16" : "rgb.u16");
+    else
+        t->storageFormat = Format(t->hasAlpha ? "rgba.u8" : "rgb.u8");
 
     // 13. Colour decision.
     t->colorConversion = Ref<ColorProfileConvertObject>();
     const ColorProfileObject* srgb = ColorProfileInterface::GetStandard(imageids::PROFILE_SRGB);
-    const ColorProfileObject* linearRgb = ColorProfileInterface::GetStandard(imageids::PROFILE_LINEAR_RGB);
-    const ColorProfileObject* linearGrey = ColorProfileInterface::GetStandard(imageids::PROFILE_LINEAR_GREY);
+    const ColorProfileObject* linearRgb =
+        ColorProfileInterface::GetStandard(imageids::PROFILE_LINEAR_RGB);
+    const ColorProfileObject* linearGrey =
+        ColorProfileInterface::GetStandard(imageids::PROFILE_LINEAR_GREY);
     if (!profile || profile == srgb || ColorProfileInterface::IsEqual(profile, srgb)) {
         t->isSRGB = true;
-    } else if (profile == linearRgb || profile == linearGrey || ColorProfileInterface::IsEqual(profile, linearRgb) ||
+    } else if (profile == linearRgb || profile == linearGrey ||
+               ColorProfileInterface::IsEqual(profile, linearRgb) ||
                ColorProfileInterface::IsEqual(profile, linearGrey)) {
         t->isSRGB = false;
     } else {
         t->isSRGB = false;
         const ColorProfileObject* target = ColorProfileInterface::GetDefaultLinear(
             t->isGrey ? imageids::COLORSPACE_GREY : imageids::COLORSPACE_RGB);
-        Result<ColorProfileConvertObject*> c =
-            ColorProfileConvertInterface::Alloc(profile, t->convertFormat, target, t->convertFormat);
+        Result<ColorProfileConvertObject*> c = ColorProfileConvertInterface::Alloc(
+            profile, t->convertFormat, target, t->convertFormat);
         if (c.IsError()) return c.GetError();
         t->colorConversion = Ref<ColorProfileConvertObject>::Adopt(c.GetValue());
     }
@@ -217,8 +239,8 @@ Result<void> InitSteps(TextureImpl* t, const UrlObject* url, UInt32 flags, const
 // One level from its source: the picture (read through a get-pixel handler in the storage
 // format) when `source` has no texels, else the source's texels. A parallel loop over rows.
 template <typename T>
-Result<void> ReduceLevel(const TextureImpl* t, const TextureLevel& source, TextureLevel& dst, bool halveX,
-                         bool halveY, Int channels) {
+Result<void> ReduceLevel(const TextureImpl* t, const TextureLevel& source, TextureLevel& dst,
+                         bool halveX, bool halveY, Int channels) {
     const Int texelBytes = channels * static_cast<Int>(sizeof(T));
     const Int sw = source.width;
     const Int sh = source.height;
@@ -232,7 +254,8 @@ Result<void> ReduceLevel(const TextureImpl* t, const TextureLevel& source, Textu
         Ref<PixelReadHandler> handler;
         BaseArray<UInt8> rows;
         if (fromPicture) {
-            Result<PixelReadHandler*> h = ImageInterface::GetPixelHandler(picture, t->storageFormat, nullptr);
+            Result<PixelReadHandler*> h =
+                ImageInterface::GetPixelHandler(picture, t->storageFormat, nullptr);
             if (h.IsError()) return h.GetError();
             handler = Ref<PixelReadHandler>::Adopt(h.GetValue());
             QUORV_RETURN_IF_ERROR(rows.Resize(2 * sw * texelBytes));
@@ -244,9 +267,11 @@ Result<void> ReduceLevel(const TextureImpl* t, const TextureLevel& source, Textu
             const T* r1;
             if (fromPicture) {
                 handler->read(handler.Get(), 0, sy0, sw, rows.GetFirst());
-                if (sy1 != sy0) handler->read(handler.Get(), 0, sy1, sw, rows.GetFirst() + sw * texelBytes);
+                if (sy1 != sy0)
+                    handler->read(handler.Get(), 0, sy1, sw, rows.GetFirst() + sw * texelBytes);
                 r0 = reinterpret_cast<const T*>(rows.GetFirst());
-                r1 = sy1 != sy0 ? reinterpret_cast<const T*>(rows.GetFirst() + sw * texelBytes) : r0;
+                r1 =
+                    sy1 != sy0 ? reinterpret_cast<const T*>(rows.GetFirst() + sw * texelBytes) : r0;
             } else {
                 r0 = reinterpret_cast<const T*>(source.texels.GetFirst() + sy0 * sw * texelBytes);
                 r1 = reinterpret_cast<const T*>(source.texels.GetFirst() + sy1 * sw * texelBytes);
@@ -256,8 +281,8 @@ Result<void> ReduceLevel(const TextureImpl* t, const TextureLevel& source, Textu
                 const Int sx0 = halveX ? 2 * x : x;
                 const Int sx1 = halveX ? std::min(2 * x + 1, sw - 1) : sx0;
                 if (halveX && halveY) {
-                    Reduce4(r0 + sx0 * channels, r0 + sx1 * channels, r1 + sx0 * channels, r1 + sx1 * channels,
-                            out, channels);
+                    Reduce4(r0 + sx0 * channels, r0 + sx1 * channels, r1 + sx0 * channels,
+                            r1 + sx1 * channels, out, channels);
                 } else if (halveX) {
                     Reduce2(r0 + sx0 * channels, r0 + sx1 * channels, out, channels);
                 } else {
@@ -311,7 +336,8 @@ Result<void> FillPyramid(const TextureImpl* t, TexturePyramid& p, Int channels) 
                 continue;
             }
             const bool alongX = j == 0;
-            const TextureLevel& src = alongX ? p.ripLevels[i - 1] : p.ripLevels[(j - 1) * p.levelsX + i];
+            const TextureLevel& src =
+                alongX ? p.ripLevels[i - 1] : p.ripLevels[(j - 1) * p.levelsX + i];
             dst.width = alongX ? Half(src.width) : src.width;
             dst.height = alongX ? src.height : Half(src.height);
             dst.scaleX = alongX ? src.scaleX * 2 : src.scaleX;
@@ -337,7 +363,8 @@ Int BitsPerChannel(const PixelFormatObject* format) {
 }
 
 Result<void> BuildPyramid(TextureImpl* t) {
-    if (ThreadServicesInterface::IsCurrentJobCancelled()) return OperationCancelledError(QUORV_SOURCE_LOCATION);
+    if (ThreadServicesInterface::IsCurrentJobCancelled())
+        return OperationCancelledError(QUORV_SOURCE_LOCATION);
     TexturePyramid* p = NewPlain<TexturePyramid>();
     if (!p) {
         t->pyramidState.store(TEXTURE_STATE_FAILED, std::memory_order_release);
@@ -354,7 +381,8 @@ Result<void> BuildPyramid(TextureImpl* t) {
     if (r.IsError()) {
         FreePyramid(p);
         const bool cancelled = IsOperationCancelled(r.GetErrorPointer());
-        t->pyramidState.store(cancelled ? TEXTURE_STATE_NOT_BUILT : TEXTURE_STATE_FAILED, std::memory_order_release);
+        t->pyramidState.store(cancelled ? TEXTURE_STATE_NOT_BUILT : TEXTURE_STATE_FAILED,
+                              std::memory_order_release);
         return r;
     }
     t->pyramid = p;
@@ -374,7 +402,8 @@ Result<void> BuildSummedAreaTable(TextureImpl* t) {
     auto fail = [t](TextureSummedAreaTable* table, Result<void> r) {
         FreeSummedAreaTable(table);
         const bool cancelled = IsOperationCancelled(r.GetErrorPointer());
-        t->summedAreaState.store(cancelled ? TEXTURE_STATE_NOT_BUILT : TEXTURE_STATE_FAILED, std::memory_order_release);
+        t->summedAreaState.store(cancelled ? TEXTURE_STATE_NOT_BUILT : TEXTURE_STATE_FAILED,
+                                 std::memory_order_release);
         return r;
     };
     TextureSummedAreaTable* table = NewPlain<TextureSummedAreaTable>();
@@ -384,14 +413,16 @@ Result<void> BuildSummedAreaTable(TextureImpl* t) {
     table->channels = channels;
     Result<void> sized = table->sums.Resize(w * t->height * channels);
     if (sized.IsError()) return fail(table, sized);
-    Result<PixelReadHandler*> h = ImageInterface::GetPixelHandler(picture, Format(channels == 4 ? "rgba.u8" : "rgb.u8"), nullptr);
+    Result<PixelReadHandler*> h = ImageInterface::GetPixelHandler(
+        picture, Format(channels == 4 ? "rgba.u8" : "rgb.u8"), nullptr);
     if (h.IsError()) return fail(table, h.GetError());
     Ref<PixelReadHandler> handler = Ref<PixelReadHandler>::Adopt(h.GetValue());
     BaseArray<UInt8> row;
     Result<void> rowSized = row.Resize(w * channels);
     if (rowSized.IsError()) return fail(table, rowSized);
     for (Int y = 0; y < t->height; ++y) {
-        if (ThreadServicesInterface::IsCurrentJobCancelled()) return fail(table, OperationCancelledError(QUORV_SOURCE_LOCATION));
+        if (ThreadServicesInterface::IsCurrentJobCancelled())
+            return fail(table, OperationCancelledError(QUORV_SOURCE_LOCATION));
         handler->read(handler.Get(), 0, y, w, row.GetFirst());
         UInt32 running[4] = {0, 0, 0, 0};
         UInt32* out = table->sums.GetFirst() + y * w * channels;
@@ -410,13 +441,15 @@ Result<void> BuildSummedAreaTable(TextureImpl* t) {
 
 void EnsurePyramid(TextureImpl* t) {
     if (t->pyramidState.load(std::memory_order_acquire) == TEXTURE_STATE_READY) return;
-    Result<void> r = t->pyramidGuard.Run([t] { return BuildPyramid(t); }, OnceGuard::FAILURE::MARK_DONE);
+    Result<void> r =
+        t->pyramidGuard.Run([t] { return BuildPyramid(t); }, OnceGuard::FAILURE::MARK_DONE);
     (void)r;
 }
 
 void EnsureSummedAreaTable(TextureImpl* t) {
     if (t->summedAreaState.load(std::memory_order_acquire) == TEXTURE_STATE_READY) return;
-    Result<void> r = t->summedAreaGuard.Run([t] { return BuildSummedAreaTable(t); }, OnceGuard::FAILURE::MARK_DONE);
+    Result<void> r = t->summedAreaGuard.Run([t] { return BuildSummedAreaTable(t); },
+                                            OnceGuard::FAILURE::MARK_DONE);
     (void)r;
 }
 
@@ -425,7 +458,8 @@ void EnsureSummedAreaTable(TextureImpl* t) {
 void Free(TextureImpl* texture) { RemoveReference(texture); }
 
 TextureImpl* Alloc(const SourceLocation& loc) {
-    void* block = SystemInterface::Alloc(static_cast<Int>(sizeof(ObjectHeader) + sizeof(TextureImpl)), loc);
+    void* block =
+        SystemInterface::Alloc(static_cast<Int>(sizeof(ObjectHeader) + sizeof(TextureImpl)), loc);
     if (!block) return nullptr;
     auto* header = new (block) ObjectHeader{nullptr, &DestroyTexture, 0, 0};
     auto* t = new (header + 1) TextureImpl();
@@ -433,8 +467,8 @@ TextureImpl* Alloc(const SourceLocation& loc) {
     return t;
 }
 
-Result<void> Init(TextureImpl* texture, const UrlObject* url, UInt32 flags, const LayerSetObject* layerSet,
-                  Float64 time) {
+Result<void> Init(TextureImpl* texture, const UrlObject* url, UInt32 flags,
+                  const LayerSetObject* layerSet, Float64 time) {
     if (!texture) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          "TextureImpl::Init Error: texture missing");
@@ -446,10 +480,12 @@ Result<void> Init(TextureImpl* texture, const UrlObject* url, UInt32 flags, cons
 
 Bool IsRegularFloatingPointFormat(const TextureImpl* t) {
     if (!t || !t->image) return false;
-    const PixelFormatObject* f = ImageInterface::GetPixelFormat(ImageTextureInterface::GetFirstImage(t->image.Get()));
+    const PixelFormatObject* f =
+        ImageInterface::GetPixelFormat(ImageTextureInterface::GetFirstImage(t->image.Get()));
     if (!f) return false;
-    static constexpr const char* REGULAR[] = {"rgba.f32", "rgba.f64", "rgb.f32",   "rgb.f64",   "bgr.f32",  "grey.f32",
-                                              "grey.f64", "agrey.f32", "agrey.f64", "greya.f32", "greya.f64"};
+    static constexpr const char* REGULAR[] = {"rgba.f32",  "rgba.f64",  "rgb.f32",  "rgb.f64",
+                                              "bgr.f32",   "grey.f32",  "grey.f64", "agrey.f32",
+                                              "agrey.f64", "greya.f32", "greya.f64"};
     for (const char* name : REGULAR) {
         if (PixelFormatInterface::IsEqual(f, Format(name))) return true;
     }
@@ -461,10 +497,8 @@ ImageTextureObject* GetImage(const TextureImpl* t) { return t ? t->image.Get() :
 namespace {
 
 void* const g_functions[] = {
-    reinterpret_cast<void*>(&Free),
-    reinterpret_cast<void*>(&Alloc),
-    reinterpret_cast<void*>(&Init),
-    reinterpret_cast<void*>(&IsRegularFloatingPointFormat),
+    reinterpret_cast<void*>(&Free),     reinterpret_cast<void*>(&Alloc),
+    reinterpret_cast<void*>(&Init),     reinterpret_cast<void*>(&IsRegularFloatingPointFormat),
     reinterpret_cast<void*>(&GetImage),
 };
 static_assert(sizeof(g_functions) / sizeof(g_functions[0]) == TextureInterface::COUNT);

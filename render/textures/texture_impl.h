@@ -7,8 +7,8 @@ namespace quorv::texture {
 
 void Free(TextureImpl* texture);
 TextureImpl* Alloc(const SourceLocation& loc);
-Result<void> Init(TextureImpl* texture, const UrlObject* url, UInt32 flags, const LayerSetObject* layerSet,
-                  Float64 time);
+Result<void> Init(TextureImpl* texture, const UrlObject* url, UInt32 flags,
+                  const LayerSetObject* layerSet, Float64 time);
 Bool IsRegularFloatingPointFormat(const TextureImpl* texture);
 ImageTextureObject* GetImage(const TextureImpl* texture);
 
@@ -30,15 +30,19 @@ Int BitsPerChannel(const PixelFormatObject* format);
 template <typename T>
 inline void Reduce2(const T* a, const T* b, T* out, Int channels) {
     for (Int c = 0; c < channels; ++c) {
-        if constexpr (std::is_floating_point_v<T>) out[c] = (a[c] + b[c]) * 0.5f;
-        else out[c] = static_cast<T>((static_cast<UInt32>(a[c]) + b[c]) >> 1);
+        if constexpr (std::is_floating_point_v<T>)
+            out[c] = (a[c] + b[c]) * 0.5f;
+        else
+            out[c] = static_cast<T>((static_cast<UInt32>(a[c]) + b[c]) >> 1);
     }
 }
 template <typename T>
 inline void Reduce4(const T* a, const T* b, const T* c, const T* d, T* out, Int channels) {
     for (Int k = 0; k < channels; ++k) {
-        if constexpr (std::is_floating_point_v<T>) out[k] = (a[k] + b[k] + c[k] + d[k]) * 0.25f;
-        else out[k] = static_cast<T>((static_cast<UInt32>(a[k]) + b[k] + c[k] + d[k]) >> 2);
+        if constexpr (std::is_floating_point_v<T>)
+            out[k] = (a[k] + b[k] + c[k] + d[k]) * 0.25f;
+        else
+            out[k] = static_cast<T>((static_cast<UInt32>(a[k]) + b[k] + c[k] + d[k]) >> 2);
     }
 }
 

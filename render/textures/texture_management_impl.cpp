@@ -81,7 +81,8 @@ struct KeyHash {
 struct KeyEqual {
     bool operator()(const TextureUrl& a, const TextureUrl& b) const {
         return a.url.Compare(b.url) == 0 && a.flags == b.flags &&
-               LayerSetInterface::IsEqual(a.layerSet.Get(), b.layerSet.Get()) && Bits(a.time) == Bits(b.time);
+               LayerSetInterface::IsEqual(a.layerSet.Get(), b.layerSet.Get()) &&
+               Bits(a.time) == Bits(b.time);
     }
 };
 
@@ -126,7 +127,9 @@ UInt LockWord(std::atomic<UInt>& word) {
     }
 }
 
-void UnlockWord(std::atomic<UInt>& word, UInt value) { word.store(value & ~UInt(1), std::memory_order_release); }
+void UnlockWord(std::atomic<UInt>& word, UInt value) {
+    word.store(value & ~UInt(1), std::memory_order_release);
+}
 
 // A new reference to the texture of an entry, or null.
 TextureImpl* CopyTexture(TextureData& d) {
@@ -145,17 +148,20 @@ void SetTexture(TextureData& d, TextureImpl* t) {
 
 Error RelativePathError(const Url& url) {
     const std::string text = url.ToText();
-    return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION, "Could not load relative path", text);
+    return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
+                           "Could not load relative path", text);
 }
 
 Result<void> ProbeInfo(TextureInfo& info, const Url& url) {
-    Result<ImageTextureObject*> r = ImageTextureInterface::Load(url.GetObject(), 0.0, imageids::STORAGE_VOXEL, nullptr);
+    Result<ImageTextureObject*> r =
+        ImageTextureInterface::Load(url.GetObject(), 0.0, imageids::STORAGE_VOXEL, nullptr);
     if (r.IsError()) return r.GetError();
     Ref<ImageTextureObject> picture = Ref<ImageTextureObject>::Adopt(r.GetValue());
     const ImageObject* image = ImageTextureInterface::GetFirstImage(picture.Get());
     info.width = ImageInterface::GetWidth(image);
     info.height = ImageInterface::GetHeight(image);
-    info.duration = ImageTextureInterface::GetFloatProperty(picture.Get(), imageids::PROPERTY_DURATION, 0.0);
+    info.duration =
+        ImageTextureInterface::GetFloatProperty(picture.Get(), imageids::PROPERTY_DURATION, 0.0);
     info.fps = ImageTextureInterface::GetFloatProperty(picture.Get(), imageids::PROPERTY_FPS, 0.0);
     // The same test as the texture's, on a probe texture that only holds the picture.
     TextureImpl probe;
@@ -188,8 +194,10 @@ void EmptyData(TextureData& d) {
 }
 
 void EmptyInfo(TextureInfo& info) {
-    if (info.loaded.ClaimDone()) info.loaded.Release();
-    else info.loaded.ResetFailed();
+    if (info.loaded.ClaimDone())
+        info.loaded.Release();
+    else
+        info.loaded.ResetFailed();
 }
 
 Result<void> InitModuleData() {
@@ -209,14 +217,18 @@ void FreeModuleData() {
 }
 
 Result<State*> GetState() {
-    if (!g_state) return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "Texture cache not initialised");
+    if (!g_state)
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         "Texture cache not initialised");
     return g_state;
 }
 
 }  // namespace
 
-Result<UrlObject*> ResolveUrl(const UrlObject* urlObject, const UrlObject* const* searchPaths, Int count) {
-    if (!urlObject) return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "Url missing");
+Result<UrlObject*> ResolveUrl(const UrlObject* urlObject, const UrlObject* const* searchPaths,
+                              Int count) {
+    if (!urlObject)
+        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "Url missing");
     Url url(urlObject);
     if (!(url.GetScheme() == LiteralId("relative"))) {
         AddReference(urlObject);
@@ -259,11 +271,12 @@ Result<UrlObject*> ResolveUrl(const UrlObject* urlObject, const UrlObject* const
     return const_cast<UrlObject*>(hit.GetObject());
 }
 
-Result<TextureImpl*> LoadTexture(const UrlObject* urlObject, const UrlObject* const* searchPaths, Int count,
-                                 UInt32 flags, const LayerSetObject* layerSet, Float64 time,
-                                 const TextureTimeMapper* timeMapper) {
+Result<TextureImpl*> LoadTexture(const UrlObject* urlObject, const UrlObject* const* searchPaths,
+                                 Int count, UInt32 flags, const LayerSetObject* layerSet,
+                                 Float64 time, const TextureTimeMapper* timeMapper) {
     if (!urlObject || UrlInterface::IsEmpty(urlObject)) {
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "LoadTexture needs a url");
+        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                         "LoadTexture needs a url");
     }
     Result<State*> state = GetState();
     if (state.IsError()) return state.GetError();
@@ -281,11 +294,14 @@ Result<TextureImpl*> LoadTexture(const UrlObject* urlObject, const UrlObject* co
     if (infoFound.IsError()) return infoFound.GetError();
     TextureInfo& info = *infoFound.GetValue();
     const Url& url = key.url;
-    QUORV_RETURN_IF_ERROR(info.loaded.Run([&info, &url] { return ProbeInfo(info, url); }, OnceGuard::FAILURE::KEEP_ERROR));
+    QUORV_RETURN_IF_ERROR(info.loaded.Run([&info, &url] { return ProbeInfo(info, url); },
+                                          OnceGuard::FAILURE::KEEP_ERROR));
     // A request with and one without conversion share the entry of a float picture.
     if (info.isRegularFloatingPoint) key.flags &= ~TEXTURE_FLAG_CONVERT_TO_FLOAT;
-    if (timeMapper && timeMapper->call) QUORV_RETURN_IF_ERROR(timeMapper->call(timeMapper->user, info.duration, &key.time));
-    if (key.time > info.duration || key.time < 0.0) key.time = std::max(std::min(key.time, info.duration), 0.0);
+    if (timeMapper && timeMapper->call)
+        QUORV_RETURN_IF_ERROR(timeMapper->call(timeMapper->user, info.duration, &key.time));
+    if (key.time > info.duration || key.time < 0.0)
+        key.time = std::max(std::min(key.time, info.duration), 0.0);
 
     Result<TextureData*> dataFound = s.data.FindOrCreate(key);
     if (dataFound.IsError()) return dataFound.GetError();
@@ -294,7 +310,8 @@ Result<TextureImpl*> LoadTexture(const UrlObject* urlObject, const UrlObject* co
     QUORV_RETURN_IF_ERROR(data.loaded.Run(
         [&data, &k]() -> Result<void> {
             if ((data.texture.load(std::memory_order_acquire) & ~UInt(1)) != 0) return OK;
-            if (ThreadServicesInterface::IsCurrentJobCancelled()) return OperationCancelledError(QUORV_SOURCE_LOCATION);
+            if (ThreadServicesInterface::IsCurrentJobCancelled())
+                return OperationCancelledError(QUORV_SOURCE_LOCATION);
             TextureImpl* t = texture::Alloc(QUORV_SOURCE_LOCATION);
             if (!t) return OutOfMemoryError();
             Result<void> r = texture::Init(t, k.url.GetObject(), k.flags, k.layerSet.Get(), k.time);
@@ -307,7 +324,9 @@ Result<TextureImpl*> LoadTexture(const UrlObject* urlObject, const UrlObject* co
         },
         OnceGuard::FAILURE::KEEP_ERROR));
     TextureImpl* t = CopyTexture(data);
-    if (!t) return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "Texture flushed while loading");
+    if (!t)
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         "Texture flushed while loading");
     return t;
 }
 
@@ -346,8 +365,8 @@ ObservableObject* ObservableFlushed(Bool create) {
     if (!g_state) return nullptr;
     UInt w = LockWord(g_state->observable);
     if (w == 0 && create) {
-        Result<ObservableObject*> o =
-            ObservableInterface::Create(OBSERVABLE_CLASS_ID, OBSERVABLE_COMBINER_RUNALL_ID, OBSERVER_CLASS_ID);
+        Result<ObservableObject*> o = ObservableInterface::Create(
+            OBSERVABLE_CLASS_ID, OBSERVABLE_COMBINER_RUNALL_ID, OBSERVER_CLASS_ID);
         if (o.IsOk()) w = reinterpret_cast<UInt>(o.GetValue());
     }
     UnlockWord(g_state->observable, w);
@@ -357,13 +376,18 @@ ObservableObject* ObservableFlushed(Bool create) {
 namespace {
 
 void* const g_functions[] = {
-    reinterpret_cast<void*>(&LoadTexture), reinterpret_cast<void*>(&ResolveUrl),
-    reinterpret_cast<void*>(&AllowReinitialization), reinterpret_cast<void*>(&FlushUnused),
-    reinterpret_cast<void*>(&FlushAll), reinterpret_cast<void*>(&ObservableFlushed),
+    reinterpret_cast<void*>(&LoadTexture),
+    reinterpret_cast<void*>(&ResolveUrl),
+    reinterpret_cast<void*>(&AllowReinitialization),
+    reinterpret_cast<void*>(&FlushUnused),
+    reinterpret_cast<void*>(&FlushAll),
+    reinterpret_cast<void*>(&ObservableFlushed),
 };
 static_assert(sizeof(g_functions) / sizeof(g_functions[0]) == TextureManagementInterface::COUNT);
-static_assert(std::is_same_v<decltype(&LoadTexture), decltype(TextureManagementInterface::Slots::LoadTexture)>);
-static_assert(std::is_same_v<decltype(&ResolveUrl), decltype(TextureManagementInterface::Slots::ResolveUrl)>);
+static_assert(std::is_same_v<decltype(&LoadTexture),
+                             decltype(TextureManagementInterface::Slots::LoadTexture)>);
+static_assert(
+    std::is_same_v<decltype(&ResolveUrl), decltype(TextureManagementInterface::Slots::ResolveUrl)>);
 
 TranslationUnitRecord g_unit;
 NonVirtualInterfaceRecord g_interfaceNames;
@@ -374,7 +398,8 @@ char g_nameRun[TextureManagementInterface::NAME_RUN_SIZE];
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
     g_interfaceNames.id = LiteralId(TextureManagementInterface::INTERFACE_ID);
-    g_interfaceNames.methodNames = BuildSlotNameRun(TextureManagementInterface::Describe(), g_nameRun);
+    g_interfaceNames.methodNames =
+        BuildSlotNameRun(TextureManagementInterface::Describe(), g_nameRun);
     g_interfaceNames.returnKinds = TextureManagementInterface::Describe().returnKinds;
     g_interfaceNames.count = TextureManagementInterface::COUNT;
     DefineInterfaceImplementation(g_implementation, g_interfaceNames, g_unit, __FILE__, 0);

@@ -34,8 +34,8 @@ struct Pixel4 {
 };
 
 inline Pixel4 Lerp(const Pixel4& a, const Pixel4& b, Float64 t) {
-    return {{a.v[0] + t * (b.v[0] - a.v[0]), a.v[1] + t * (b.v[1] - a.v[1]), a.v[2] + t * (b.v[2] - a.v[2]),
-             a.v[3] + t * (b.v[3] - a.v[3])}};
+    return {{a.v[0] + t * (b.v[0] - a.v[0]), a.v[1] + t * (b.v[1] - a.v[1]),
+             a.v[2] + t * (b.v[2] - a.v[2]), a.v[3] + t * (b.v[3] - a.v[3])}};
 }
 
 // Maps a neighbour index into the picture by the mode of its axis. An index that the mapping
@@ -43,16 +43,24 @@ inline Pixel4 Lerp(const Pixel4& a, const Pixel4& b, Float64 t) {
 inline Int MapCoordinate(Int c, Int size, TEXTUREMODE mode) {
     if (c >= 0 && c < size) return c;
     switch (mode) {
-        case TEXTUREMODE::CLAMP: c = c < 0 ? 0 : size - 1; break;
-        case TEXTUREMODE::MIRROR: c = c < 0 ? -1 - c : 2 * size - 1 - c; break;
-        default: c = c < 0 ? c + size : c - size; break;
+        case TEXTUREMODE::CLAMP:
+            c = c < 0 ? 0 : size - 1;
+            break;
+        case TEXTUREMODE::MIRROR:
+            c = c < 0 ? -1 - c : 2 * size - 1 - c;
+            break;
+        default:
+            c = c < 0 ? c + size : c - size;
+            break;
     }
     return c >= 0 && c < size ? c : 0;
 }
 
 template <typename T, int CH>
 struct Family {
-    static constexpr Float64 SCALE = std::is_same_v<T, UInt8> ? 1.0 / 255.0 : std::is_same_v<T, UInt16> ? 1.0 / 65535.0 : 1.0;
+    static constexpr Float64 SCALE = std::is_same_v<T, UInt8>    ? 1.0 / 255.0
+                                     : std::is_same_v<T, UInt16> ? 1.0 / 65535.0
+                                                                 : 1.0;
     static constexpr Float64 MAXIMUM = std::is_same_v<T, UInt8> ? 255.0 : 65535.0;
 
     const ThreadedTextureImpl* s;
@@ -80,8 +88,10 @@ struct Family {
 
     // A picture value in the storage type, for the reduction of levels without texels.
     static T ToStorage(Float64 v) {
-        if constexpr (std::is_floating_point_v<T>) return static_cast<T>(v);
-        else return static_cast<T>(std::lround(v * MAXIMUM));
+        if constexpr (std::is_floating_point_v<T>)
+            return static_cast<T>(v);
+        else
+            return static_cast<T>(std::lround(v * MAXIMUM));
     }
 
     Pixel4 Texel(const LevelView& l, Int x, Int y) const {
@@ -133,8 +143,10 @@ struct Family {
         const Float64 floorX = std::floor(fx), floorY = std::floor(fy);
         const Float64 tx = fx - floorX, ty = fy - floorY;
         const Int x0 = static_cast<Int>(floorX), y0 = static_cast<Int>(floorY);
-        const Int mx0 = MapCoordinate(x0, l.width, modeU), mx1 = MapCoordinate(x0 + 1, l.width, modeU);
-        const Int my0 = MapCoordinate(y0, l.height, modeV), my1 = MapCoordinate(y0 + 1, l.height, modeV);
+        const Int mx0 = MapCoordinate(x0, l.width, modeU),
+                  mx1 = MapCoordinate(x0 + 1, l.width, modeU);
+        const Int my0 = MapCoordinate(y0, l.height, modeV),
+                  my1 = MapCoordinate(y0 + 1, l.height, modeV);
         if (!l.texels && l.scaleX == 1 && l.scaleY == 1 && mx1 == mx0 + 1) {
             // Two pixels of each row in one call.
             Pixel4 top[2], bottom[2];
@@ -189,7 +201,8 @@ struct Family {
         texture::EnsurePyramid(const_cast<TextureImpl*>(t));
         if (t->pyramidState.load(std::memory_order_acquire) != TEXTURE_STATE_READY) return Black();
         const TexturePyramid& p = *t->pyramid;
-        Float64 l = footprint.x * static_cast<Float64>(t->width) + footprint.y * static_cast<Float64>(t->height);
+        Float64 l = footprint.x * static_cast<Float64>(t->width) +
+                    footprint.y * static_cast<Float64>(t->height);
         Int level = -1;
         do {
             l *= 0.5;
@@ -270,8 +283,8 @@ struct Family {
         }
     }
 
-    void Rect(const TextureSummedAreaTable& table, Float64 x0, Float64 x1, Float64 y0, Float64 y1, Float64 scale,
-              Float64 sum[4]) const {
+    void Rect(const TextureSummedAreaTable& table, Float64 x0, Float64 x1, Float64 y0, Float64 y1,
+              Float64 scale, Float64 sum[4]) const {
         Float64 a[4], b[4], c[4], d[4];
         TableAt(table, x1, y1, a);
         TableAt(table, x0, y1, b);
@@ -286,7 +299,8 @@ struct Family {
             return Rip(u, v, footprint);
         } else {
             texture::EnsureSummedAreaTable(const_cast<TextureImpl*>(t));
-            if (t->summedAreaState.load(std::memory_order_acquire) != TEXTURE_STATE_READY) return Black();
+            if (t->summedAreaState.load(std::memory_order_acquire) != TEXTURE_STATE_READY)
+                return Black();
             if (t->noSummedAreaTable) return Rip(u, v, footprint);
             const TextureSummedAreaTable& table = *t->summedAreaTable;
             Float64 uMin = u - footprint.x / 2.0, uMax = u + footprint.x / 2.0;
@@ -330,21 +344,25 @@ struct Family {
                     ys[ny][0] = 0.0, ys[ny++][1] = d;
                 }
                 for (int i = 0; i < nx; ++i) {
-                    for (int j = 0; j < ny; ++j) Rect(table, xs[i][0], xs[i][1], ys[j][0], ys[j][1], 1.0, sum);
+                    for (int j = 0; j < ny; ++j)
+                        Rect(table, xs[i][0], xs[i][1], ys[j][0], ys[j][1], 1.0, sum);
                 }
                 if (wholeX >= 1.0) {
-                    for (int j = 0; j < ny; ++j) Rect(table, 0.0, 1.0, ys[j][0], ys[j][1], wholeX, sum);
+                    for (int j = 0; j < ny; ++j)
+                        Rect(table, 0.0, 1.0, ys[j][0], ys[j][1], wholeX, sum);
                 }
                 if (wholeY >= 1.0) {
-                    for (int i = 0; i < nx; ++i) Rect(table, xs[i][0], xs[i][1], 0.0, 1.0, wholeY, sum);
+                    for (int i = 0; i < nx; ++i)
+                        Rect(table, xs[i][0], xs[i][1], 0.0, 1.0, wholeY, sum);
                 }
                 if (wholeX >= 1.0 && wholeY >= 1.0) {
                     const UInt32* last = table.sums.GetFirst() + (t->width * t->height - 1) * CH;
-                    for (int k = 0; k < CH; ++k) sum[k] += wholeX * wholeY * static_cast<Float64>(last[k]);
+                    for (int k = 0; k < CH; ++k)
+                        sum[k] += wholeX * wholeY * static_cast<Float64>(last[k]);
                 }
             }
-            const Float64 area = (uMax - uMin) * (vMax - vMin) * 255.0 * static_cast<Float64>(t->width) *
-                                 static_cast<Float64>(t->height);
+            const Float64 area = (uMax - uMin) * (vMax - vMin) * 255.0 *
+                                 static_cast<Float64>(t->width) * static_cast<Float64>(t->height);
             Pixel4 r{{0.0, 0.0, 0.0, 1.0}};
             for (int k = 0; k < CH; ++k) {
                 const Float64 value = area != 0.0 ? sum[k] / area : 0.0;
@@ -354,16 +372,21 @@ struct Family {
         }
     }
 
-    Pixel4 Filter(Float64 u, Float64 v, Vector2d64 footprint, TEXTUREINTERPOLATION interpolation) const {
+    Pixel4 Filter(Float64 u, Float64 v, Vector2d64 footprint,
+                  TEXTUREINTERPOLATION interpolation) const {
         using I = TEXTUREINTERPOLATION;
         if (interpolation == I::NONE) return Nearest(u, v);
         if (interpolation == I::BICUBIC) return Bicubic(u, v);
         if (footprint.x == 0.0 && footprint.y == 0.0) return Bilinear(Full(), u, v);
         switch (interpolation) {
-            case I::MIP: return Mip(u, v, footprint);
-            case I::RIP: return Rip(u, v, footprint);
-            case I::SUMMEDAREA: return SummedArea(u, v, footprint);
-            default: return Bilinear(Full(), u, v);
+            case I::MIP:
+                return Mip(u, v, footprint);
+            case I::RIP:
+                return Rip(u, v, footprint);
+            case I::SUMMEDAREA:
+                return SummedArea(u, v, footprint);
+            default:
+                return Bilinear(Full(), u, v);
         }
     }
 };
@@ -391,8 +414,8 @@ inline void Unpremultiply(Pixel4& p) {
 }
 
 template <typename T, int CH>
-Pixel4 RunFamily(const ThreadedTextureImpl* s, Float64 u, Float64 v, Vector2d64 footprint, TEXTUREMODE mu,
-                 TEXTUREMODE mv, TEXTUREINTERPOLATION interpolation) {
+Pixel4 RunFamily(const ThreadedTextureImpl* s, Float64 u, Float64 v, Vector2d64 footprint,
+                 TEXTUREMODE mu, TEXTUREMODE mv, TEXTUREINTERPOLATION interpolation) {
     const Family<T, CH> family{s, s->_impl, mu, mv};
     return family.Filter(u, v, footprint, interpolation);
 }
@@ -423,7 +446,8 @@ Result<void> Init(ThreadedTextureImpl* sampler, TextureImpl* texture) {
     sampler->_impl = texture;
     if (!sampler->_impl) return NoTexture();
     const ImageObject* image = ImageTextureInterface::GetFirstImage(texture->image.Get());
-    Result<PixelReadHandler*> h = ImageInterface::GetPixelHandler(image, texture->readFormat, nullptr);
+    Result<PixelReadHandler*> h =
+        ImageInterface::GetPixelHandler(image, texture->readFormat, nullptr);
     if (h.IsError()) return h.GetError();
     sampler->getPixel = h.GetValue();
     return OK;
@@ -440,9 +464,10 @@ Result<void> GetDetails(const ThreadedTextureImpl* sampler, Int* width, Int* hei
     return OK;
 }
 
-ColorA64* Sample(ThreadedTextureImpl* sampler, ColorA64* result, const Vector2d64& uv, const Vector2d64& footprint,
-                 TEXTUREMODE modeU, TEXTUREMODE modeV, TEXTUREINTERPOLATION interpolation,
-                 DESTINATIONCOLORSPACE colorSpace, ALPHAPROCESSING alphaProcessing, Bool tile) {
+ColorA64* Sample(ThreadedTextureImpl* sampler, ColorA64* result, const Vector2d64& uv,
+                 const Vector2d64& footprint, TEXTUREMODE modeU, TEXTUREMODE modeV,
+                 TEXTUREINTERPOLATION interpolation, DESTINATIONCOLORSPACE colorSpace,
+                 ALPHAPROCESSING alphaProcessing, Bool tile) {
     const TextureImpl* t = sampler ? sampler->_impl : nullptr;
     if (!t || !sampler->getPixel || t->width <= 0 || t->height <= 0) {
         *result = ColorA64{0.0, 0.0, 0.0, 1.0};
@@ -463,8 +488,10 @@ ColorA64* Sample(ThreadedTextureImpl* sampler, ColorA64* result, const Vector2d6
         p = t->hasAlpha ? RunFamily<UInt8, 4>(sampler, u, v, footprint, mu, mv, interpolation)
                         : RunFamily<UInt8, 3>(sampler, u, v, footprint, mu, mv, interpolation);
     }
-    if (alphaProcessing == ALPHAPROCESSING::NOALPHA) p.v[3] = 1.0;
-    else if (alphaProcessing == ALPHAPROCESSING::PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT) Unpremultiply(p);
+    if (alphaProcessing == ALPHAPROCESSING::NOALPHA)
+        p.v[3] = 1.0;
+    else if (alphaProcessing == ALPHAPROCESSING::PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT)
+        Unpremultiply(p);
     if (colorSpace != DESTINATIONCOLORSPACE::RAW) {
         if (t->isSRGB) {
             for (int k = 0; k < 3; ++k) p.v[k] = DecodeSrgb(p.v[k]);
@@ -480,7 +507,8 @@ ColorA64* Sample(ThreadedTextureImpl* sampler, ColorA64* result, const Vector2d6
             }
         }
     }
-    if (alphaProcessing == ALPHAPROCESSING::LINEAR_PREMULTIPLIED_TO_LINEAR_STRAIGHT) Unpremultiply(p);
+    if (alphaProcessing == ALPHAPROCESSING::LINEAR_PREMULTIPLIED_TO_LINEAR_STRAIGHT)
+        Unpremultiply(p);
     *result = ColorA64{p.v[0], p.v[1], p.v[2], p.v[3]};
     return result;
 }
@@ -492,12 +520,14 @@ ImageTextureObject* GetImage(const ThreadedTextureImpl* sampler) {
 namespace {
 
 void* const g_functions[] = {
-    reinterpret_cast<void*>(&Free),       reinterpret_cast<void*>(&Alloc),  reinterpret_cast<void*>(&Init),
-    reinterpret_cast<void*>(&GetDetails), reinterpret_cast<void*>(&Sample), reinterpret_cast<void*>(&GetImage),
+    reinterpret_cast<void*>(&Free),   reinterpret_cast<void*>(&Alloc),
+    reinterpret_cast<void*>(&Init),   reinterpret_cast<void*>(&GetDetails),
+    reinterpret_cast<void*>(&Sample), reinterpret_cast<void*>(&GetImage),
 };
 static_assert(sizeof(g_functions) / sizeof(g_functions[0]) == ThreadedTextureInterface::COUNT);
 static_assert(std::is_same_v<decltype(&Sample), decltype(ThreadedTextureInterface::Slots::Sample)>);
-static_assert(std::is_same_v<decltype(&GetDetails), decltype(ThreadedTextureInterface::Slots::GetDetails)>);
+static_assert(
+    std::is_same_v<decltype(&GetDetails), decltype(ThreadedTextureInterface::Slots::GetDetails)>);
 
 TranslationUnitRecord g_unit;
 NonVirtualInterfaceRecord g_interfaceNames;
@@ -507,7 +537,8 @@ char g_nameRun[ThreadedTextureInterface::NAME_RUN_SIZE];
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
     g_interfaceNames.id = LiteralId(ThreadedTextureInterface::INTERFACE_ID);
-    g_interfaceNames.methodNames = BuildSlotNameRun(ThreadedTextureInterface::Describe(), g_nameRun);
+    g_interfaceNames.methodNames =
+        BuildSlotNameRun(ThreadedTextureInterface::Describe(), g_nameRun);
     g_interfaceNames.returnKinds = ThreadedTextureInterface::Describe().returnKinds;
     g_interfaceNames.count = ThreadedTextureInterface::COUNT;
     DefineInterfaceImplementation(g_implementation, g_interfaceNames, g_unit, __FILE__, 0);

@@ -1,11 +1,11 @@
 // The synchronised hash map: concurrent inserts give one entry per key, entries stay put while
 // the table grows, and a walk sees every entry.
+#include "quorv/synchronizedhashmap.h"
+
 #include <gtest/gtest.h>
 
 #include <thread>
 #include <vector>
-
-#include "quorv/synchronizedhashmap.h"
 
 namespace quorv {
 namespace {
@@ -37,8 +37,11 @@ TEST(SynchronizedHashMap, ConcurrentInsertsGiveOneStableEntryPerKey) {
     for (auto& th : threads) th.join();
     EXPECT_EQ(map.GetCount(), KEYS);
     for (Int k = 0; k < KEYS; ++k) {
-        for (int t = 1; t < THREADS; ++t) EXPECT_EQ(seen[static_cast<size_t>(t)][static_cast<size_t>(k)], seen[0][static_cast<size_t>(k)]);
-        EXPECT_EQ(map.Find(k), seen[0][static_cast<size_t>(k)]) << "entries stay put while the table grows";
+        for (int t = 1; t < THREADS; ++t)
+            EXPECT_EQ(seen[static_cast<size_t>(t)][static_cast<size_t>(k)],
+                      seen[0][static_cast<size_t>(k)]);
+        EXPECT_EQ(map.Find(k), seen[0][static_cast<size_t>(k)])
+            << "entries stay put while the table grows";
     }
     Int walked = 0, sum = 0;
     map.ForEach([&](const Int& k, Int&) {

@@ -1,4 +1,6 @@
 // Jobs on the host's job system and the once-only guard word.
+#include "quorv/jobs.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "quorv/jobs.h"
 #include "quorv/onceguard.h"
 
 namespace quorv {
@@ -28,7 +29,9 @@ TEST(Jobs, ResultCurrentJobAndObserversOfAFinishedJob) {
     EXPECT_TRUE(j.GetResult().IsError()) << "no result before the job has run";
     std::atomic<int> finished{0};
     ASSERT_TRUE(ThreadServicesInterface::AddFinishedObserver(
-                    j.Get(), [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); }, &finished)
+                    j.Get(),
+                    [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); },
+                    &finished)
                     .IsOk());
     ASSERT_TRUE(j.Enqueue().IsOk());
     EXPECT_TRUE(j.Enqueue().IsError()) << "a job runs once";
@@ -41,7 +44,9 @@ TEST(Jobs, ResultCurrentJobAndObserversOfAFinishedJob) {
     EXPECT_EQ(finished.load(), 1);
     // An observer added after the end runs at once.
     ASSERT_TRUE(ThreadServicesInterface::AddFinishedObserver(
-                    j.Get(), [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); }, &finished)
+                    j.Get(),
+                    [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); },
+                    &finished)
                     .IsOk());
     EXPECT_EQ(finished.load(), 2);
 }
@@ -56,7 +61,9 @@ TEST(Jobs, CancelledBeforeStartDoesNotRunAndTellsItsObserversOnce) {
     const JobRef& j = job.GetValue();
     std::atomic<int> cancelled{0};
     ASSERT_TRUE(ThreadServicesInterface::AddCancelledObserver(
-                    j.Get(), [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); }, &cancelled)
+                    j.Get(),
+                    [](void* user, JobObject*) { ++*static_cast<std::atomic<int>*>(user); },
+                    &cancelled)
                     .IsOk());
     j.Cancel();
     j.Cancel();
@@ -205,7 +212,8 @@ TEST(OnceGuard, AKeptFailureReachesLaterCallersUntilReset) {
     EXPECT_EQ(guard.GetState(), UInt(OnceGuard::FAILED));
     EXPECT_TRUE(guard.ResetFailed());
     EXPECT_FALSE(guard.ResetFailed());
-    EXPECT_TRUE(guard.Run([&]() -> Result<void> { return OK; }, OnceGuard::FAILURE::KEEP_ERROR).IsOk());
+    EXPECT_TRUE(
+        guard.Run([&]() -> Result<void> { return OK; }, OnceGuard::FAILURE::KEEP_ERROR).IsOk());
     // MARK_DONE ends in the done state whatever the build answers.
     OnceGuard marked;
     EXPECT_TRUE(marked.Run(failing, OnceGuard::FAILURE::MARK_DONE).IsError());
@@ -217,14 +225,16 @@ TEST(OnceGuard, ACancelledBuildFreesTheGuardForARetry) {
     int builds = 0;
     auto build = [&]() -> Result<void> {
         ++builds;
-        if (ThreadServicesInterface::IsCurrentJobCancelled()) return OperationCancelledError(QUORV_SOURCE_LOCATION);
+        if (ThreadServicesInterface::IsCurrentJobCancelled())
+            return OperationCancelledError(QUORV_SOURCE_LOCATION);
         return OK;
     };
     Result<JobRef> parent = MakeJob([]() -> Result<void> { return OK; });
     ASSERT_TRUE(parent.IsOk());
     parent.GetValue().Cancel();
-    Result<JobRef> child = MakeJob([&]() -> Result<void> { return guard.Run(build, OnceGuard::FAILURE::MARK_DONE); },
-                                   parent.GetValue().Get());
+    Result<JobRef> child =
+        MakeJob([&]() -> Result<void> { return guard.Run(build, OnceGuard::FAILURE::MARK_DONE); },
+                parent.GetValue().Get());
     ASSERT_TRUE(child.IsOk());
     // A cancelled job does not start, so the child never reaches the guard: the guard stays free.
     ASSERT_TRUE(child.GetValue().Enqueue().IsOk());

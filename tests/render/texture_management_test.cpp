@@ -22,11 +22,12 @@ Url MakeUrl(const std::string& text) {
     return u.GetValue();
 }
 
-Result<TextureRef> Load(const Url& url, UInt32 flags = 0, Float64 time = 0.0, const std::vector<Url>& paths = {}) {
+Result<TextureRef> Load(const Url& url, UInt32 flags = 0, Float64 time = 0.0,
+                        const std::vector<Url>& paths = {}) {
     std::vector<const UrlObject*> raw;
     for (const Url& p : paths) raw.push_back(p.GetObject());
-    Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(url.GetObject(), raw.data(), static_cast<Int>(raw.size()),
-                                                                     flags, nullptr, time, nullptr);
+    Result<TextureImpl*> r = TextureManagementInterface::LoadTexture(
+        url.GetObject(), raw.data(), static_cast<Int>(raw.size()), flags, nullptr, time, nullptr);
     if (r.IsError()) return r.GetError();
     return TextureRef::Adopt(r.GetValue());
 }
@@ -34,7 +35,8 @@ Result<TextureRef> Load(const Url& url, UInt32 flags = 0, Float64 time = 0.0, co
 // A folder of its own under the temporary directory, removed at the end.
 struct TempFolder {
     fs::path path;
-    explicit TempFolder(const std::string& name) : path(fs::temp_directory_path() / ("quorv_texcache_" + name)) {
+    explicit TempFolder(const std::string& name)
+        : path(fs::temp_directory_path() / ("quorv_texcache_" + name)) {
         fs::remove_all(path);
         fs::create_directories(path);
     }
@@ -47,7 +49,8 @@ TEST(TextureCache, RelativeUrlsResolveOncePerFirstSearchPath) {
     fs::copy_file(DATA + "rgb8_4x4.png", b.path / "tile.png");
     const Url relative = MakeUrl("relative:///tile.png");
     // Without search paths: the error at once.
-    Result<UrlObject*> none = TextureManagementInterface::ResolveUrl(relative.GetObject(), nullptr, 0);
+    Result<UrlObject*> none =
+        TextureManagementInterface::ResolveUrl(relative.GetObject(), nullptr, 0);
     ASSERT_TRUE(none.IsError());
     EXPECT_STREQ(none.GetErrorPointer()->message, "Could not load relative path");
     EXPECT_NE(std::string(none.GetErrorPointer()->subject).find("tile.png"), std::string::npos);
@@ -119,8 +122,8 @@ TEST(TextureCache, KeysConversionOfFloatPicturesAndClampedTimes) {
 
     // Three frames, a thirtieth of a second each: 10 s clamps to the duration, 0.1 s.
     const Url frames = MakeUrl(DATA + "frames_2x2.tif");
-    Result<TextureRef> late = Load(frames, 0, 10.0), end = Load(frames, 0, 0.1), first = Load(frames, 0, -3.0),
-                       start = Load(frames, 0, 0.0);
+    Result<TextureRef> late = Load(frames, 0, 10.0), end = Load(frames, 0, 0.1),
+                       first = Load(frames, 0, -3.0), start = Load(frames, 0, 0.0);
     ASSERT_TRUE(late.IsOk() && end.IsOk() && first.IsOk() && start.IsOk());
     EXPECT_EQ(late.GetValue().Get(), end.GetValue().Get());
     EXPECT_EQ(first.GetValue().Get(), start.GetValue().Get());
@@ -135,13 +138,14 @@ TEST(TextureCache, KeysConversionOfFloatPicturesAndClampedTimes) {
     };
     Float64 seen = -1;
     mapper.user = &seen;
-    Result<TextureImpl*> mapped =
-        TextureManagementInterface::LoadTexture(frames.GetObject(), nullptr, 0, 0, nullptr, 0.07, &mapper);
+    Result<TextureImpl*> mapped = TextureManagementInterface::LoadTexture(
+        frames.GetObject(), nullptr, 0, 0, nullptr, 0.07, &mapper);
     ASSERT_TRUE(mapped.IsOk());
     TextureRef mappedRef = TextureRef::Adopt(mapped.GetValue());
     EXPECT_DOUBLE_EQ(seen, 0.1);
     EXPECT_EQ(mappedRef.Get(), start.GetValue().Get());
-    Result<TextureImpl*> empty = TextureManagementInterface::LoadTexture(nullptr, nullptr, 0, 0, nullptr, 0, nullptr);
+    Result<TextureImpl*> empty =
+        TextureManagementInterface::LoadTexture(nullptr, nullptr, 0, 0, nullptr, 0, nullptr);
     ASSERT_TRUE(empty.IsError());
     EXPECT_EQ(empty.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
     TextureManagementInterface::FlushAll();
@@ -178,7 +182,9 @@ TEST(TextureCache, FlushesKeepWhatCallersHoldAndNotify) {
     EXPECT_EQ(TextureManagementInterface::ObservableFlushed(false), observable);
     std::atomic<int> notified{0};
     Result<ObserverHandleObject*> handle = ObservableInterface::AddObserver(
-        observable, [](void* user, Bool value) { *static_cast<std::atomic<int>*>(user) += value ? 1 : 100; }, &notified);
+        observable,
+        [](void* user, Bool value) { *static_cast<std::atomic<int>*>(user) += value ? 1 : 100; },
+        &notified);
     ASSERT_TRUE(handle.IsOk());
     Ref<ObserverHandleObject> subscription = Ref<ObserverHandleObject>::Adopt(handle.GetValue());
 
@@ -203,8 +209,8 @@ TEST(TextureCache, FlushesKeepWhatCallersHoldAndNotify) {
     EXPECT_EQ(notified.load(), 2);
     Result<ThreadedTextureRef> sampler = ThreadedTextureRef::Create(held.GetValue());
     ASSERT_TRUE(sampler.IsOk());
-    const ColorA64 c = sampler.GetValue().Sample({0.5, 0.5}, {0.3, 0.3}, TEXTUREMODE::CLAMP, TEXTUREMODE::CLAMP,
-                                                 TEXTUREINTERPOLATION::MIP);
+    const ColorA64 c = sampler.GetValue().Sample({0.5, 0.5}, {0.3, 0.3}, TEXTUREMODE::CLAMP,
+                                                 TEXTUREMODE::CLAMP, TEXTUREINTERPOLATION::MIP);
     EXPECT_GT(c.r + c.g + c.b, 0.0);
     Result<TextureRef> fresh = Load(heldUrl);
     ASSERT_TRUE(fresh.IsOk());

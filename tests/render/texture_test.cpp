@@ -1,8 +1,7 @@
 // Textures and the sampler against direct computations on the small pictures of
 // tests/data/textures, whose pixel values the test knows (the generator's pattern).
-#include <gtest/gtest.h>
-
 #include <OpenImageIO/imageio.h>
+#include <gtest/gtest.h>
 #include <lcms2.h>
 
 #include <array>
@@ -47,14 +46,20 @@ struct Known {
     }
     // One halving along x and/or y, integer, truncating, the last column or row repeated.
     Known Halve(bool alongX, bool alongY) const {
-        Known k{alongX ? std::max((w + 1) / 2, 1) : w, alongY ? std::max((h + 1) / 2, 1) : h, channels, {}};
+        Known k{alongX ? std::max((w + 1) / 2, 1) : w,
+                alongY ? std::max((h + 1) / 2, 1) : h,
+                channels,
+                {}};
         for (int y = 0; y < k.h; ++y) {
             for (int x = 0; x < k.w; ++x) {
                 const int x0 = alongX ? 2 * x : x, x1 = alongX ? std::min(2 * x + 1, w - 1) : x0;
                 const int y0 = alongY ? 2 * y : y, y1 = alongY ? std::min(2 * y + 1, h - 1) : y0;
                 for (int c = 0; c < channels; ++c) {
-                    if (alongX && alongY) k.v.push_back((At(x0, y0, c) + At(x1, y0, c) + At(x0, y1, c) + At(x1, y1, c)) >> 2);
-                    else k.v.push_back((At(x0, y0, c) + At(x1, y1, c)) >> 1);
+                    if (alongX && alongY)
+                        k.v.push_back(
+                            (At(x0, y0, c) + At(x1, y0, c) + At(x0, y1, c) + At(x1, y1, c)) >> 2);
+                    else
+                        k.v.push_back((At(x0, y0, c) + At(x1, y1, c)) >> 1);
                 }
             }
         }
@@ -64,9 +69,12 @@ struct Known {
 
 int MapIndex(int c, int size, M mode) {
     if (c >= 0 && c < size) return c;
-    if (mode == M::CLAMP) c = c < 0 ? 0 : size - 1;
-    else if (mode == M::MIRROR) c = c < 0 ? -1 - c : 2 * size - 1 - c;
-    else c = c < 0 ? c + size : c - size;
+    if (mode == M::CLAMP)
+        c = c < 0 ? 0 : size - 1;
+    else if (mode == M::MIRROR)
+        c = c < 0 ? -1 - c : 2 * size - 1 - c;
+    else
+        c = c < 0 ? c + size : c - size;
     return c >= 0 && c < size ? c : 0;
 }
 
@@ -83,7 +91,8 @@ Rgba RefBilinear(const Known& k, double u, double v, M mu, M mv) {
     const double tx = fx - std::floor(fx), ty = fy - std::floor(fy);
     const int ax = MapIndex(x0, k.w, mu), bx = MapIndex(x0 + 1, k.w, mu);
     const int ay = MapIndex(y0, k.h, mv), by = MapIndex(y0 + 1, k.h, mv);
-    return Mix(Mix(k.Unit(ax, ay), k.Unit(ax, by), ty), Mix(k.Unit(bx, ay), k.Unit(bx, by), ty), tx);
+    return Mix(Mix(k.Unit(ax, ay), k.Unit(ax, by), ty), Mix(k.Unit(bx, ay), k.Unit(bx, by), ty),
+               tx);
 }
 
 Rgba RefBicubic(const Known& k, double u, double v, M mu, M mv) {
@@ -99,12 +108,14 @@ Rgba RefBicubic(const Known& k, double u, double v, M mu, M mv) {
     for (int j = 0; j < 4; ++j)
         for (int i = 0; i < 4; ++i) {
             const Rgba p = k.Unit(MapIndex(x0 - 1 + i, k.w, mu), MapIndex(y0 - 1 + j, k.h, mv));
-            for (int c = 0; c < 4; ++c) sum[c] += wx[static_cast<size_t>(i)] * wy[static_cast<size_t>(j)] * p[c];
+            for (int c = 0; c < 4; ++c)
+                sum[c] += wx[static_cast<size_t>(i)] * wy[static_cast<size_t>(j)] * p[c];
         }
     return sum;
 }
 
-Rgba RefBoxMean(const Known& k, int xFrom, int xTo, int yFrom, int yTo) {  // inclusive, indices wrap
+Rgba RefBoxMean(const Known& k, int xFrom, int xTo, int yFrom,
+                int yTo) {  // inclusive, indices wrap
     Rgba sum{0, 0, 0, 0};
     int n = 0;
     for (int y = yFrom; y <= yTo; ++y)
@@ -131,7 +142,9 @@ ThreadedTextureRef Sampler(const TextureRef& t) {
     return s.IsOk() ? std::move(s.GetValue()) : ThreadedTextureRef();
 }
 
-std::string Id(const PixelFormatObject* f) { return std::string(PixelFormatInterface::GetId(f).View()); }
+std::string Id(const PixelFormatObject* f) {
+    return std::string(PixelFormatInterface::GetId(f).View());
+}
 
 void ExpectNear(const ColorA64& got, const Rgba& want, double tolerance, const std::string& what) {
     EXPECT_NEAR(got.r, want[0], tolerance) << what;
@@ -141,12 +154,15 @@ void ExpectNear(const ColorA64& got, const Rgba& want, double tolerance, const s
 }
 
 // Writes a picture of 8-bit values to a temporary file; channels 1 to 4.
-std::string WriteTemporary(const std::string& name, int w, int h, int channels, const std::vector<unsigned char>& v) {
-    const std::string path = (std::filesystem::temp_directory_path() / ("quorv_texture_test_" + name)).string();
+std::string WriteTemporary(const std::string& name, int w, int h, int channels,
+                           const std::vector<unsigned char>& v) {
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("quorv_texture_test_" + name)).string();
     auto out = OIIO::ImageOutput::create(path);
     OIIO::ImageSpec spec(w, h, channels, OIIO::TypeDesc::UINT8);
     spec.attribute("oiio:UnassociatedAlpha", 1);
-    EXPECT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, v.data()) && out->close());
+    EXPECT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, v.data()) &&
+                out->close());
     return path;
 }
 
@@ -220,7 +236,8 @@ TEST(TextureInit, ConversionLayerSetsAndErrors) {
     ASSERT_TRUE(already);
     EXPECT_FALSE(already->wasConverted);
 
-    Ref<LayerSetObject> alphas = Ref<LayerSetObject>::Adopt(LayerSetInterface::Alloc(QUORV_SOURCE_LOCATION));
+    Ref<LayerSetObject> alphas =
+        Ref<LayerSetObject>::Adopt(LayerSetInterface::Alloc(QUORV_SOURCE_LOCATION));
     LayerSetInterface::SetMode(alphas.Get(), LAYERSETMODE::ALPHAS);
     TextureRef masked = Load(DATA + "rgb8_4x4.png", 0, alphas.Get());
     ASSERT_TRUE(masked);
@@ -228,7 +245,8 @@ TEST(TextureInit, ConversionLayerSetsAndErrors) {
     EXPECT_FALSE(masked->hasAlpha);
     EXPECT_FALSE(masked->isSRGB) << "the linear grey profile";
     EXPECT_FALSE(masked->colorConversion);
-    Ref<LayerSetObject> layers = Ref<LayerSetObject>::Adopt(LayerSetInterface::Alloc(QUORV_SOURCE_LOCATION));
+    Ref<LayerSetObject> layers =
+        Ref<LayerSetObject>::Adopt(LayerSetInterface::Alloc(QUORV_SOURCE_LOCATION));
     TextureRef noAlpha = Load(DATA + "rgba8_5x3.png", 0, layers.Get());
     ASSERT_TRUE(noAlpha);
     EXPECT_FALSE(noAlpha->hasAlpha) << "LAYERS without a calculated alpha";
@@ -242,7 +260,8 @@ TEST(TextureInit, ConversionLayerSetsAndErrors) {
 
     Result<ThreadedTextureRef> empty = ThreadedTextureRef::Create(TextureRef());
     ASSERT_TRUE(empty.IsError());
-    EXPECT_STREQ(empty.GetErrorPointer()->message, "Illegal argument: Condition _impl != nullptr not fulfilled. ");
+    EXPECT_STREQ(empty.GetErrorPointer()->message,
+                 "Illegal argument: Condition _impl != nullptr not fulfilled. ");
 }
 
 // ---- nearest, bilinear, bicubic, borders ------------------------------------------------------
@@ -256,19 +275,23 @@ TEST(TextureSample, NearestBilinearAndBicubicMatchDirectComputations) {
         for (double v : {0.0, 0.12, 0.5, 0.61, 0.95, 1.0}) {
             const double vf = 1.0 - v;
             for (M mode : {M::CLAMP, M::REPEAT, M::MIRROR, M::EXTEND}) {
-                const std::string at = "uv " + std::to_string(u) + ", " + std::to_string(v) + " mode " +
-                                       std::to_string(static_cast<int>(mode));
+                const std::string at = "uv " + std::to_string(u) + ", " + std::to_string(v) +
+                                       " mode " + std::to_string(static_cast<int>(mode));
                 // u and v' lie in the unit square here, so the reduction leaves them alone except
                 // that EXTEND and CLAMP take 1 to 0.
                 const bool wraps = mode == M::CLAMP || mode == M::EXTEND;
-                const double ru = wraps ? u - std::floor(u) : u, rv = wraps ? vf - std::floor(vf) : vf;
-                const int nx = std::clamp(static_cast<int>(ru * 7), 0, 6), ny = std::clamp(static_cast<int>(rv * 5), 0, 4);
-                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::NONE), k.Unit(nx, ny), 0, "nearest " + at);
-                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::LINEAR), RefBilinear(k, ru, rv, mode, mode), 1e-14,
-                           "bilinear " + at);
-                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::BICUBIC), RefBicubic(k, ru, rv, mode, mode), 1e-13,
-                           "bicubic " + at);
-                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::MIP), RefBilinear(k, ru, rv, mode, mode), 1e-14,
+                const double ru = wraps ? u - std::floor(u) : u,
+                             rv = wraps ? vf - std::floor(vf) : vf;
+                const int nx = std::clamp(static_cast<int>(ru * 7), 0, 6),
+                          ny = std::clamp(static_cast<int>(rv * 5), 0, 4);
+                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::NONE), k.Unit(nx, ny), 0,
+                           "nearest " + at);
+                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::LINEAR),
+                           RefBilinear(k, ru, rv, mode, mode), 1e-14, "bilinear " + at);
+                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::BICUBIC),
+                           RefBicubic(k, ru, rv, mode, mode), 1e-13, "bicubic " + at);
+                ExpectNear(s.Sample({u, v}, {0, 0}, mode, mode, I::MIP),
+                           RefBilinear(k, ru, rv, mode, mode), 1e-14,
                            "a zero footprint makes MIP bilinear " + at);
             }
         }
@@ -286,14 +309,17 @@ TEST(TextureSample, BorderBehaviourIsTheReverseOfTheModeNames) {
     ExpectNear(s.Sample({-0.75, 0.25}, {0, 0}, M::EXTEND, M::EXTEND, I::LINEAR),
                RefBilinear(k, 0.25, 0.75, M::EXTEND, M::EXTEND), 1e-15, "extend");
     // REPEAT sticks at 1; the right neighbour wraps to column 0 with weight 1/2.
-    const Rgba repeat = Mix(Mix(k.Unit(3, 2), k.Unit(3, 3), 0.5), Mix(k.Unit(0, 2), k.Unit(0, 3), 0.5), 0.5);
-    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::REPEAT, M::REPEAT, I::LINEAR), repeat, 1e-15, "repeat");
+    const Rgba repeat =
+        Mix(Mix(k.Unit(3, 2), k.Unit(3, 3), 0.5), Mix(k.Unit(0, 2), k.Unit(0, 3), 0.5), 0.5);
+    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::REPEAT, M::REPEAT, I::LINEAR), repeat, 1e-15,
+               "repeat");
     // MIRROR sticks at 1 as well, and the neighbour mirrors back onto column 3.
     const Rgba mirror = Mix(k.Unit(3, 2), k.Unit(3, 3), 0.5);
-    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::MIRROR, M::MIRROR, I::LINEAR), mirror, 1e-15, "mirror");
+    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::MIRROR, M::MIRROR, I::LINEAR), mirror, 1e-15,
+               "mirror");
     // Without tiling the filter clamps whatever the modes.
-    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::REPEAT, M::REPEAT, I::LINEAR, DESTINATIONCOLORSPACE::RAW,
-                        ALPHAPROCESSING::NONE, false),
+    ExpectNear(s.Sample({1.25, 0.25}, {0, 0}, M::REPEAT, M::REPEAT, I::LINEAR,
+                        DESTINATIONCOLORSPACE::RAW, ALPHAPROCESSING::NONE, false),
                mirror, 1e-15, "repeat without tile");
 }
 
@@ -315,7 +341,8 @@ TEST(TexturePyramid, LevelsOfOddSizesAndTheirTexels) {
         EXPECT_EQ(p.mipLevels[i].HasTexels(), i > 0);
         if (i > 0) {
             level = level.Halve(true, true);
-            for (size_t n = 0; n < level.v.size(); ++n) EXPECT_EQ(p.mipLevels[i].texels[static_cast<Int>(n)], level.v[n]) << i;
+            for (size_t n = 0; n < level.v.size(); ++n)
+                EXPECT_EQ(p.mipLevels[i].texels[static_cast<Int>(n)], level.v[n]) << i;
         }
     }
     EXPECT_EQ(p.levelsX, 4);
@@ -329,10 +356,12 @@ TEST(TexturePyramid, LevelsOfOddSizesAndTheirTexels) {
             const TextureLevel& l = p.Rip(i, j);
             EXPECT_EQ(l.width, expected.w);
             EXPECT_EQ(l.height, expected.h);
-            const bool sourceOnly = (i == 0 && j == 0) || (i == 1 && j == 0) || (i == 0 && j == 1) || (i == 1 && j == 1);
+            const bool sourceOnly = (i == 0 && j == 0) || (i == 1 && j == 0) ||
+                                    (i == 0 && j == 1) || (i == 1 && j == 1);
             EXPECT_EQ(l.HasTexels(), !sourceOnly) << i << "," << j;
             if (!l.HasTexels()) continue;
-            for (size_t n = 0; n < expected.v.size(); ++n) EXPECT_EQ(l.texels[static_cast<Int>(n)], expected.v[n]) << i << "," << j;
+            for (size_t n = 0; n < expected.v.size(); ++n)
+                EXPECT_EQ(l.texels[static_cast<Int>(n)], expected.v[n]) << i << "," << j;
         }
     }
 }
@@ -373,18 +402,21 @@ TEST(TextureSample, MipLevelChoiceAndTheSquaredBlend) {
     const double u = 0.43, v = 0.37, vf = 1 - v;
     // L = 3: halved to 1.5 (level 0), to 0.75 (level 1): bicubic against level 1, t = 0.25.
     ExpectNear(s.Sample({u, v}, {1.0 / 7, 2.0 / 5}, M::CLAMP, M::CLAMP, I::MIP),
-               Mix(RefBicubic(k, u, vf, M::CLAMP, M::CLAMP), RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP), 0.25), 1e-14,
-               "level 1");
+               Mix(RefBicubic(k, u, vf, M::CLAMP, M::CLAMP),
+                   RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP), 0.25),
+               1e-14, "level 1");
     // L = 6: level 2, levels 1 and 2, t = 0.25. L = 7: t = (2 * 0.875 - 1)^2.
     ExpectNear(s.Sample({u, v}, {3.0 / 7, 3.0 / 5}, M::CLAMP, M::CLAMP, I::MIP),
-               Mix(RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP), RefBilinear(l2, u, vf, M::CLAMP, M::CLAMP), 0.25), 1e-14,
-               "level 2");
+               Mix(RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP),
+                   RefBilinear(l2, u, vf, M::CLAMP, M::CLAMP), 0.25),
+               1e-14, "level 2");
     ExpectNear(s.Sample({u, v}, {4.0 / 7, 3.0 / 5}, M::CLAMP, M::CLAMP, I::MIP),
-               Mix(RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP), RefBilinear(l2, u, vf, M::CLAMP, M::CLAMP), 0.5625),
+               Mix(RefBilinear(l1, u, vf, M::CLAMP, M::CLAMP),
+                   RefBilinear(l2, u, vf, M::CLAMP, M::CLAMP), 0.5625),
                1e-14, "level 2 at 7");
     // L below 2: bicubic.
-    ExpectNear(s.Sample({u, v}, {0.1 / 7, 1.8 / 5}, M::CLAMP, M::CLAMP, I::MIP), RefBicubic(k, u, vf, M::CLAMP, M::CLAMP),
-               1e-14, "below 2");
+    ExpectNear(s.Sample({u, v}, {0.1 / 7, 1.8 / 5}, M::CLAMP, M::CLAMP, I::MIP),
+               RefBicubic(k, u, vf, M::CLAMP, M::CLAMP), 1e-14, "below 2");
 }
 
 TEST(TextureSample, RipBlendsLinearlyOverSourceOnlyLevels) {
@@ -397,16 +429,19 @@ TEST(TextureSample, RipBlendsLinearlyOverSourceOnlyLevels) {
     const double u = 0.61, v = 0.29, vf = 1 - v;
     // Lx = 3: ix = 2, tx = 0.5; Ly = 0.5: iy = 0. Entry (1, 0) is computed from the picture.
     ExpectNear(s.Sample({u, v}, {3.0 / 7, 0.5 / 5}, M::CLAMP, M::CLAMP, I::RIP),
-               Mix(RefBilinear(x1, u, vf, M::CLAMP, M::CLAMP), RefBilinear(x2, u, vf, M::CLAMP, M::CLAMP), 0.5), 1e-14,
-               "along x");
+               Mix(RefBilinear(x1, u, vf, M::CLAMP, M::CLAMP),
+                   RefBilinear(x2, u, vf, M::CLAMP, M::CLAMP), 0.5),
+               1e-14, "along x");
     // Lx = 3, Ly = 1.5: iy = 1, ty = 0.5: rows j = 0 and j = 1; (1, 1) reduces four pixels.
-    const Rgba top = Mix(RefBilinear(x1, u, vf, M::CLAMP, M::CLAMP), RefBilinear(x2, u, vf, M::CLAMP, M::CLAMP), 0.5);
-    const Rgba bottom =
-        Mix(RefBilinear(x1y1, u, vf, M::CLAMP, M::CLAMP), RefBilinear(x2y1, u, vf, M::CLAMP, M::CLAMP), 0.5);
-    ExpectNear(s.Sample({u, v}, {3.0 / 7, 1.5 / 5}, M::CLAMP, M::CLAMP, I::RIP), Mix(top, bottom, 0.5), 1e-14, "both");
+    const Rgba top = Mix(RefBilinear(x1, u, vf, M::CLAMP, M::CLAMP),
+                         RefBilinear(x2, u, vf, M::CLAMP, M::CLAMP), 0.5);
+    const Rgba bottom = Mix(RefBilinear(x1y1, u, vf, M::CLAMP, M::CLAMP),
+                            RefBilinear(x2y1, u, vf, M::CLAMP, M::CLAMP), 0.5);
+    ExpectNear(s.Sample({u, v}, {3.0 / 7, 1.5 / 5}, M::CLAMP, M::CLAMP, I::RIP),
+               Mix(top, bottom, 0.5), 1e-14, "both");
     // Both below 1: bicubic.
-    ExpectNear(s.Sample({u, v}, {0.5 / 7, 0.5 / 5}, M::CLAMP, M::CLAMP, I::RIP), RefBicubic(k, u, vf, M::CLAMP, M::CLAMP),
-               1e-14, "bicubic");
+    ExpectNear(s.Sample({u, v}, {0.5 / 7, 0.5 / 5}, M::CLAMP, M::CLAMP, I::RIP),
+               RefBicubic(k, u, vf, M::CLAMP, M::CLAMP), 1e-14, "bicubic");
 }
 
 // ---- summed area ------------------------------------------------------------------------------
@@ -417,11 +452,12 @@ TEST(TextureSummedArea, BoxesAgainstBruteForceMeans) {
     ThreadedTextureRef s = Sampler(t);
     const Known k = Known::OfPattern(5, 3, 4);
     // The whole picture gives its mean.
-    ExpectNear(s.Sample({0.5, 0.5}, {1.0, 1.0}, M::CLAMP, M::CLAMP, I::SUMMEDAREA), RefBoxMean(k, 0, 4, 0, 2), 1e-14,
-               "whole");
+    ExpectNear(s.Sample({0.5, 0.5}, {1.0, 1.0}, M::CLAMP, M::CLAMP, I::SUMMEDAREA),
+               RefBoxMean(k, 0, 4, 0, 2), 1e-14, "whole");
     // Texels 1..3 by rows 1..2 (v' from 1/3 to 1).
-    ExpectNear(s.Sample({2.5 / 5, 1 - 2.0 / 3}, {3.0 / 5, 2.0 / 3}, M::CLAMP, M::CLAMP, I::SUMMEDAREA),
-               RefBoxMean(k, 1, 3, 1, 2), 1e-14, "box");
+    ExpectNear(
+        s.Sample({2.5 / 5, 1 - 2.0 / 3}, {3.0 / 5, 2.0 / 3}, M::CLAMP, M::CLAMP, I::SUMMEDAREA),
+        RefBoxMean(k, 1, 3, 1, 2), 1e-14, "box");
     // The table itself against brute-force sums.
     ASSERT_EQ(t->summedAreaState.load(), TEXTURE_STATE_READY);
     for (int y = 0; y < 3; ++y)
@@ -436,13 +472,14 @@ TEST(TextureSummedArea, BoxesAgainstBruteForceMeans) {
     ExpectNear(s.Sample({0.0, 0.5}, {2.0 / 5, 1.0 / 3}, M::REPEAT, M::REPEAT, I::SUMMEDAREA),
                RefBoxMean(k, -1, 0, 1, 1), 1e-14, "across the edge");
     // Wider than the picture: columns -1 .. 5, rows 0 .. 1, whole period plus the two ends.
-    ExpectNear(s.Sample({0.5, 1 - 1.0 / 3}, {7.0 / 5, 2.0 / 3}, M::REPEAT, M::REPEAT, I::SUMMEDAREA),
-               RefBoxMean(k, -1, 5, 0, 1), 1e-14, "wider than a period");
+    ExpectNear(
+        s.Sample({0.5, 1 - 1.0 / 3}, {7.0 / 5, 2.0 / 3}, M::REPEAT, M::REPEAT, I::SUMMEDAREA),
+        RefBoxMean(k, -1, 5, 0, 1), 1e-14, "wider than a period");
     ExpectNear(s.Sample({0.6, 0.5}, {12.0 / 5, 7.0 / 3}, M::REPEAT, M::REPEAT, I::SUMMEDAREA),
                RefBoxMean(k, -3, 8, -2, 4), 1e-13, "periods both ways");
     // Narrower than a texel: widened to one texel about its centre, the texel itself.
-    ExpectNear(s.Sample({2.5 / 5, 1 - 1.5 / 3}, {0.01, 0.01}, M::CLAMP, M::CLAMP, I::SUMMEDAREA), k.Unit(2, 1), 1e-14,
-               "one texel");
+    ExpectNear(s.Sample({2.5 / 5, 1 - 1.5 / 3}, {0.01, 0.01}, M::CLAMP, M::CLAMP, I::SUMMEDAREA),
+               k.Unit(2, 1), 1e-14, "one texel");
 }
 
 TEST(TextureSummedArea, DeepTexturesAndHugePicturesFallBackToRip) {
@@ -454,11 +491,13 @@ TEST(TextureSummedArea, DeepTexturesAndHugePicturesFallBackToRip) {
         const ColorA64 b = s.Sample({0.4, 0.3}, {f, f / 2}, M::CLAMP, M::CLAMP, I::RIP);
         EXPECT_EQ(a, b);
     }
-    EXPECT_EQ(deep->summedAreaState.load(), TEXTURE_STATE_NOT_BUILT) << "16-bit families never ask for a table";
+    EXPECT_EQ(deep->summedAreaState.load(), TEXTURE_STATE_NOT_BUILT)
+        << "16-bit families never ask for a table";
     // 2^24 texels need more than 32-bit sums: no table; one row fewer gets one.
     for (int h : {4096, 4095}) {
-        const std::string path = WriteTemporary("flat" + std::to_string(h) + ".png", 4096, h, 3,
-                                                std::vector<unsigned char>(static_cast<size_t>(4096 * h * 3), 200));
+        const std::string path =
+            WriteTemporary("flat" + std::to_string(h) + ".png", 4096, h, 3,
+                           std::vector<unsigned char>(static_cast<size_t>(4096 * h * 3), 200));
         TextureRef big = Load(path);
         ASSERT_TRUE(big);
         ThreadedTextureRef bs = Sampler(big);
@@ -472,7 +511,9 @@ TEST(TextureSummedArea, DeepTexturesAndHugePicturesFallBackToRip) {
 
 // ---- colour and alpha -------------------------------------------------------------------------
 
-double DecodeSrgb(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); }
+double DecodeSrgb(double c) {
+    return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+}
 
 TEST(TextureColour, SrgbDecodingConversionAndAlphaSteps) {
     TextureRef t = Load(DATA + "rgba8_5x3.png");
@@ -481,18 +522,24 @@ TEST(TextureColour, SrgbDecodingConversionAndAlphaSteps) {
     const Known k = Known::OfPattern(5, 3, 4);
     const Vector2d64 at{3.5 / 5, 1 - 0.5 / 3};
     const Rgba raw = k.Unit(3, 0);
-    const ColorA64 linear = s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR);
-    ExpectNear(linear, {DecodeSrgb(raw[0]), DecodeSrgb(raw[1]), DecodeSrgb(raw[2]), raw[3]}, 1e-15, "decoded");
-    EXPECT_EQ(linear, s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::SRGB));
+    const ColorA64 linear =
+        s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR);
+    ExpectNear(linear, {DecodeSrgb(raw[0]), DecodeSrgb(raw[1]), DecodeSrgb(raw[2]), raw[3]}, 1e-15,
+               "decoded");
+    EXPECT_EQ(linear,
+              s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::SRGB));
     const double inv = 1.0 / raw[3];
     ExpectNear(s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::RAW,
                         ALPHAPROCESSING::PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT),
-               {raw[0] * inv, raw[1] * inv, raw[2] * inv, raw[3]}, 1e-15, "straight before decoding");
-    ExpectNear(s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR,
-                        ALPHAPROCESSING::LINEAR_PREMULTIPLIED_TO_LINEAR_STRAIGHT),
-               {DecodeSrgb(raw[0]) * inv, DecodeSrgb(raw[1]) * inv, DecodeSrgb(raw[2]) * inv, raw[3]}, 1e-15,
-               "straight after decoding");
-    ExpectNear(s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::RAW, ALPHAPROCESSING::NOALPHA),
+               {raw[0] * inv, raw[1] * inv, raw[2] * inv, raw[3]}, 1e-15,
+               "straight before decoding");
+    ExpectNear(
+        s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR,
+                 ALPHAPROCESSING::LINEAR_PREMULTIPLIED_TO_LINEAR_STRAIGHT),
+        {DecodeSrgb(raw[0]) * inv, DecodeSrgb(raw[1]) * inv, DecodeSrgb(raw[2]) * inv, raw[3]},
+        1e-15, "straight after decoding");
+    ExpectNear(s.Sample(at, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::RAW,
+                        ALPHAPROCESSING::NOALPHA),
                {raw[0], raw[1], raw[2], 1.0}, 0, "no alpha");
 
     // Alpha 0 made straight gives black.
@@ -500,9 +547,10 @@ TEST(TextureColour, SrgbDecodingConversionAndAlphaSteps) {
     TextureRef clear = Load(path);
     ASSERT_TRUE(clear);
     ThreadedTextureRef cs = Sampler(clear);
-    ExpectNear(cs.Sample({0.5, 0.5}, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::RAW,
-                         ALPHAPROCESSING::PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT),
-               {0, 0, 0, 0}, 0, "alpha 0");
+    ExpectNear(
+        cs.Sample({0.5, 0.5}, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::RAW,
+                  ALPHAPROCESSING::PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT),
+        {0, 0, 0, 0}, 0, "alpha 0");
     std::remove(path.c_str());
 
     // An ICC picture goes through the conversion of its profile.
@@ -510,7 +558,8 @@ TEST(TextureColour, SrgbDecodingConversionAndAlphaSteps) {
     ASSERT_TRUE(tagged);
     ThreadedTextureRef ts = Sampler(tagged);
     const ColorA64 before = ts.Sample({0.5, 0.25}, {0, 0}, M::CLAMP, M::CLAMP, I::LINEAR);
-    const ColorA64 after = ts.Sample({0.5, 0.25}, {0, 0}, M::CLAMP, M::CLAMP, I::LINEAR, DESTINATIONCOLORSPACE::LINEAR);
+    const ColorA64 after = ts.Sample({0.5, 0.25}, {0, 0}, M::CLAMP, M::CLAMP, I::LINEAR,
+                                     DESTINATIONCOLORSPACE::LINEAR);
     Float64 rgb[3] = {before.r, before.g, before.b};
     ColorProfileConvertInterface::Convert(tagged->colorConversion.Get(), rgb, rgb, 1);
     ExpectNear(after, {rgb[0], rgb[1], rgb[2], 1.0}, 0, "converted");
@@ -529,18 +578,21 @@ TEST(TextureColour, AGreyPictureWithAConversionCopiesRedIntoGreenAndBlue) {
     cmsSaveProfileToMem(profile, icc.data(), &size);
     cmsCloseProfile(profile);
     cmsFreeToneCurve(g);
-    const std::string path = (std::filesystem::temp_directory_path() / "quorv_texture_test_grey_icc.tif").string();
+    const std::string path =
+        (std::filesystem::temp_directory_path() / "quorv_texture_test_grey_icc.tif").string();
     auto out = OIIO::ImageOutput::create(path);
     OIIO::ImageSpec spec(2, 1, 1, OIIO::TypeDesc::UINT8);
     spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
     const unsigned char px[2] = {128, 30};
-    ASSERT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, px) && out->close());
+    ASSERT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, px) &&
+                out->close());
     TextureRef t = Load(path);
     ASSERT_TRUE(t);
     EXPECT_TRUE(t->isGrey);
     ASSERT_TRUE(t->colorConversion);
     ThreadedTextureRef s = Sampler(t);
-    const ColorA64 c = s.Sample({0.25, 0.5}, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR);
+    const ColorA64 c =
+        s.Sample({0.25, 0.5}, {0, 0}, M::CLAMP, M::CLAMP, I::NONE, DESTINATIONCOLORSPACE::LINEAR);
     EXPECT_NEAR(c.r, std::pow(128 / 255.0, 1.8), 2e-4);
     EXPECT_EQ(c.g, c.r);
     EXPECT_EQ(c.b, c.r);
@@ -561,9 +613,12 @@ TEST(TextureConcurrency, ManyThreadsBuildEachStructureOnce) {
             ThreadedTextureRef s = Sampler(t);
             ++ready;
             while (ready.load() < THREADS) std::this_thread::yield();
-            results[static_cast<size_t>(i * 3 + 0)] = s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::MIP);
-            results[static_cast<size_t>(i * 3 + 1)] = s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::RIP);
-            results[static_cast<size_t>(i * 3 + 2)] = s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::SUMMEDAREA);
+            results[static_cast<size_t>(i * 3 + 0)] =
+                s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::MIP);
+            results[static_cast<size_t>(i * 3 + 1)] =
+                s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::RIP);
+            results[static_cast<size_t>(i * 3 + 2)] =
+                s.Sample({0.3, 0.6}, {0.7, 0.4}, M::CLAMP, M::CLAMP, I::SUMMEDAREA);
         });
     }
     for (auto& th : threads) th.join();
@@ -573,7 +628,8 @@ TEST(TextureConcurrency, ManyThreadsBuildEachStructureOnce) {
     EXPECT_EQ(t->summedAreaState.load(), TEXTURE_STATE_READY);
     EXPECT_TRUE(t->pyramidGuard.IsDone());
     for (int i = 1; i < THREADS; ++i) {
-        for (int f = 0; f < 3; ++f) EXPECT_EQ(results[static_cast<size_t>(i * 3 + f)], results[static_cast<size_t>(f)]);
+        for (int f = 0; f < 3; ++f)
+            EXPECT_EQ(results[static_cast<size_t>(i * 3 + f)], results[static_cast<size_t>(f)]);
     }
     // A later sample keeps the structure it found.
     ThreadedTextureRef s = Sampler(t);

@@ -25,7 +25,8 @@ struct LineError : std::runtime_error {
 // Longest input line read; a longer one is answered with an error without being parsed.
 constexpr size_t MAX_LINE_BYTES = size_t{1} << 20;
 
-const char* const SAMPLE_HELP = R"(Reads JSON lines on stdin and writes one line per input, {"rgba":[r,g,b,a]}, numbers that
+const char* const SAMPLE_HELP =
+    R"(Reads JSON lines on stdin and writes one line per input, {"rgba":[r,g,b,a]}, numbers that
 read back to the same bits. Fields, all optional but "uv":
   "uv": [u,v]              position (v = 0 is the bottom row)
   "footprint": [fu,fv]     area to cover, in uv units (default [0,0])
@@ -57,7 +58,8 @@ struct Name {
 };
 
 constexpr Name MODES[] = {{"EXTEND", 0}, {"CLAMP", 1}, {"REPEAT", 2}, {"MIRROR", 3}};
-constexpr Name INTERPOLATIONS[] = {{"NONE", 0}, {"LINEAR", 2}, {"MIP", 3}, {"RIP", 4}, {"SUMMEDAREA", 5}, {"BICUBIC", 6}};
+constexpr Name INTERPOLATIONS[] = {{"NONE", 0}, {"LINEAR", 2},     {"MIP", 3},
+                                   {"RIP", 4},  {"SUMMEDAREA", 5}, {"BICUBIC", 6}};
 constexpr Name COLORSPACES[] = {{"RAW", 0}, {"LINEAR", 1}, {"SRGB", 2}};
 constexpr Name ALPHAS[] = {{"NONE", 0},
                            {"NOALPHA", 1},
@@ -89,8 +91,10 @@ Int32 EnumField(const Json& line, const char* field, const Name (&names)[N], Int
     auto it = line.find(field);
     if (it == line.end()) return fallback;
     std::string text;
-    if (it->is_string()) text = it->get<std::string>();
-    else if (it->is_number_integer()) text = std::to_string(it->get<Int>());
+    if (it->is_string())
+        text = it->get<std::string>();
+    else if (it->is_number_integer())
+        text = std::to_string(it->get<Int>());
     Int32 v;
     if (text.empty() || !LookUp(names, text, &v)) {
         throw LineError("\"" + std::string(field) + "\" must be one of " + NameList(names));
@@ -110,7 +114,8 @@ Vector2d64 PairField(const Json& line, const char* field, Vector2d64 fallback, b
 }
 
 void PrintError(const std::string& file, const ErrorObject* e) {
-    std::fprintf(stderr, "quorv: %s: %s\n", file.c_str(), e->message ? e->message : ErrorToString(e).c_str());
+    std::fprintf(stderr, "quorv: %s: %s\n", file.c_str(),
+                 e->message ? e->message : ErrorToString(e).c_str());
 }
 
 // Loads the module and the texture; prints the error and answers null on failure.
@@ -121,8 +126,8 @@ TextureRef Load(const GlobalOptions& options, const TextureOptions& o) {
         PrintError(o.file, url.GetErrorPointer());
         return {};
     }
-    Result<TextureImpl*> t = TextureManagementInterface::LoadTexture(url.GetValue().GetObject(), nullptr, 0, o.flags,
-                                                                     nullptr, o.time, nullptr);
+    Result<TextureImpl*> t = TextureManagementInterface::LoadTexture(
+        url.GetValue().GetObject(), nullptr, 0, o.flags, nullptr, o.time, nullptr);
     if (t.IsError()) {
         PrintError(o.file, t.GetErrorPointer());
         return {};
@@ -146,16 +151,20 @@ Json SampleTextureLine(const ThreadedTextureRef& sampler, const Json& line) {
     const Int32 both = EnumField(line, "mode", MODES, 1);
     const auto modeU = static_cast<TEXTUREMODE>(EnumField(line, "modeU", MODES, both));
     const auto modeV = static_cast<TEXTUREMODE>(EnumField(line, "modeV", MODES, both));
-    const auto interpolation = static_cast<TEXTUREINTERPOLATION>(EnumField(line, "interpolation", INTERPOLATIONS, 2));
-    const auto colorSpace = static_cast<DESTINATIONCOLORSPACE>(EnumField(line, "colorSpace", COLORSPACES, 0));
+    const auto interpolation =
+        static_cast<TEXTUREINTERPOLATION>(EnumField(line, "interpolation", INTERPOLATIONS, 2));
+    const auto colorSpace =
+        static_cast<DESTINATIONCOLORSPACE>(EnumField(line, "colorSpace", COLORSPACES, 0));
     const auto alpha = static_cast<ALPHAPROCESSING>(EnumField(line, "alpha", ALPHAS, 0));
     bool tile = true;
     if (auto it = line.find("tile"); it != line.end()) {
         if (!it->is_boolean()) throw LineError("\"tile\" must be true or false");
         tile = it->get<bool>();
     }
-    const ColorA64 c = sampler.Sample(uv, footprint, modeU, modeV, interpolation, colorSpace, alpha, tile);
-    return Json{{"rgba", Json::array({NumberToJson(c.r), NumberToJson(c.g), NumberToJson(c.b), NumberToJson(c.a)})}};
+    const ColorA64 c =
+        sampler.Sample(uv, footprint, modeU, modeV, interpolation, colorSpace, alpha, tile);
+    return Json{{"rgba", Json::array({NumberToJson(c.r), NumberToJson(c.g), NumberToJson(c.b),
+                                      NumberToJson(c.a)})}};
 }
 
 /// The facts `quorv texture info` shows, as JSON.
@@ -178,7 +187,8 @@ Json TextureInfoJson(const TextureImpl& t) {
         {"sRGB", t.isSRGB},
         {"converted", t.wasConverted},
         {"colorConversion", static_cast<bool>(t.colorConversion)},
-        {"profile", profile ? std::string(ColorProfileInterface::GetId(profile).View()) : std::string("none")},
+        {"profile",
+         profile ? std::string(ColorProfileInterface::GetId(profile).View()) : std::string("none")},
         {"profileDescription", description},
         {"fps", NumberToJson(t.frameRate)},
         {"duration", NumberToJson(t.duration)},
@@ -218,7 +228,8 @@ int RunSample(const GlobalOptions& options, const TextureOptions& o) {
     while (std::getline(std::cin, input)) {
         if (input.find_first_not_of(" \t\r") == std::string::npos) continue;
         Json answer;
-        const Json line = input.size() > MAX_LINE_BYTES ? Json() : Json::parse(input, nullptr, false);
+        const Json line =
+            input.size() > MAX_LINE_BYTES ? Json() : Json::parse(input, nullptr, false);
         if (input.size() > MAX_LINE_BYTES) {
             answer = ErrorJson("line too long");
         } else if (line.is_discarded()) {
@@ -239,14 +250,16 @@ int RunSample(const GlobalOptions& options, const TextureOptions& o) {
 
 int RunResample(const GlobalOptions& options, const TextureOptions& o) {
     Int w = 0, h = 0;
-    if (std::sscanf(o.size.c_str(), "%lldx%lld", reinterpret_cast<long long*>(&w), reinterpret_cast<long long*>(&h)) != 2 ||
+    if (std::sscanf(o.size.c_str(), "%lldx%lld", reinterpret_cast<long long*>(&w),
+                    reinterpret_cast<long long*>(&h)) != 2 ||
         w < 1 || h < 1 || w > 16384 || h > 16384) {
         std::fprintf(stderr, "quorv: --size must be WxH, each from 1 to 16384\n");
         return 1;
     }
     Int32 interpolation, mode, colorSpace;
     if (!LookUp(INTERPOLATIONS, o.interpolation, &interpolation)) {
-        std::fprintf(stderr, "quorv: --interpolation must be one of %s\n", NameList(INTERPOLATIONS).c_str());
+        std::fprintf(stderr, "quorv: --interpolation must be one of %s\n",
+                     NameList(INTERPOLATIONS).c_str());
         return 1;
     }
     if (!LookUp(MODES, o.mode, &mode)) {
@@ -254,7 +267,8 @@ int RunResample(const GlobalOptions& options, const TextureOptions& o) {
         return 1;
     }
     if (!LookUp(COLORSPACES, o.colorSpace, &colorSpace)) {
-        std::fprintf(stderr, "quorv: --color-space must be one of %s\n", NameList(COLORSPACES).c_str());
+        std::fprintf(stderr, "quorv: --color-space must be one of %s\n",
+                     NameList(COLORSPACES).c_str());
         return 1;
     }
     // The footprint of one output pixel, unless one is given.
@@ -276,12 +290,13 @@ int RunResample(const GlobalOptions& options, const TextureOptions& o) {
         for (Int y = from; y < to; ++y) {
             for (Int x = 0; x < w; ++x) {
                 // Pixel centres, top row first: v = 1 at the top.
-                const Vector2d64 uv{(static_cast<Float64>(x) + 0.5) / static_cast<Float64>(w),
-                                    1.0 - (static_cast<Float64>(y) + 0.5) / static_cast<Float64>(h)};
+                const Vector2d64 uv{
+                    (static_cast<Float64>(x) + 0.5) / static_cast<Float64>(w),
+                    1.0 - (static_cast<Float64>(y) + 0.5) / static_cast<Float64>(h)};
                 const ColorA64 c = sampler.GetValue().Sample(
                     uv, footprint, static_cast<TEXTUREMODE>(mode), static_cast<TEXTUREMODE>(mode),
-                    static_cast<TEXTUREINTERPOLATION>(interpolation), static_cast<DESTINATIONCOLORSPACE>(colorSpace),
-                    ALPHAPROCESSING::NONE, true);
+                    static_cast<TEXTUREINTERPOLATION>(interpolation),
+                    static_cast<DESTINATIONCOLORSPACE>(colorSpace), ALPHAPROCESSING::NONE, true);
                 Float32* p = &pixels[static_cast<size_t>((y * w + x) * 4)];
                 p[0] = static_cast<Float32>(c.r);
                 p[1] = static_cast<Float32>(c.g);
@@ -303,15 +318,19 @@ int RunResample(const GlobalOptions& options, const TextureOptions& o) {
 
 void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
     static TextureOptions to;
-    auto* cmd = app.add_subcommand("texture", "Load a picture as a texture, sample it, render it through the sampler");
+    auto* cmd = app.add_subcommand(
+        "texture", "Load a picture as a texture, sample it, render it through the sampler");
     cmd->require_subcommand(1);
     auto common = [](CLI::App* sub) {
-        sub->add_option("IMAGE", to.file, "Picture file (PNG, JPEG, TIFF, EXR, HDR, ...)")->required();
-        sub->add_option("--flags", to.flags, "Texture flags; bit 0 converts to a regular float format");
+        sub->add_option("IMAGE", to.file, "Picture file (PNG, JPEG, TIFF, EXR, HDR, ...)")
+            ->required();
+        sub->add_option("--flags", to.flags,
+                        "Texture flags; bit 0 converts to a regular float format");
         sub->add_option("--time", to.time, "Time in seconds of a picture with several frames");
     };
 
-    auto* info = cmd->add_subcommand("info", "Size, formats, flags, colour profile, frame rate and duration");
+    auto* info = cmd->add_subcommand(
+        "info", "Size, formats, flags, colour profile, frame rate and duration");
     common(info);
     info->add_flag("--json", to.json, "One JSON line instead of text");
     info->callback([&options, &run] { run = [&options] { return RunInfo(options, to); }; });
@@ -321,12 +340,16 @@ void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::functio
     common(sample);
     sample->callback([&options, &run] { run = [&options] { return RunSample(options, to); }; });
 
-    auto* resample = cmd->add_subcommand("resample", "Render the texture through the sampler into a new picture");
+    auto* resample = cmd->add_subcommand(
+        "resample", "Render the texture through the sampler into a new picture");
     common(resample);
-    resample->add_option("-o,--output", to.output, "Picture to write, .png (8 bit) or .exr")->required();
+    resample->add_option("-o,--output", to.output, "Picture to write, .png (8 bit) or .exr")
+        ->required();
     resample->add_option("--size", to.size, "WxH of the new picture (default 512x512)");
-    resample->add_option("--interpolation", to.interpolation, "NONE, LINEAR, MIP, RIP, SUMMEDAREA, BICUBIC (default MIP)");
-    resample->add_option("--footprint", to.footprint, "auto (one output pixel) or FU,FV in uv units");
+    resample->add_option("--interpolation", to.interpolation,
+                         "NONE, LINEAR, MIP, RIP, SUMMEDAREA, BICUBIC (default MIP)");
+    resample->add_option("--footprint", to.footprint,
+                         "auto (one output pixel) or FU,FV in uv units");
     resample->add_option("--mode", to.mode, "EXTEND, CLAMP, REPEAT, MIRROR (default REPEAT)");
     resample->add_option("--color-space", to.colorSpace, "RAW, LINEAR, SRGB (default RAW)");
     resample->callback([&options, &run] { run = [&options] { return RunResample(options, to); }; });

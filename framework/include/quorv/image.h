@@ -33,7 +33,8 @@ enum class LAYERSETMODE : Int32 {
 /// format, into `destination`. Positions must lie inside the image. Made once per image and
 /// target; a call is one indirect call and a loop without format tests.
 struct PixelReadHandler {
-    using Function = void (*)(const PixelReadHandler* handler, Int x, Int y, Int count, void* destination);
+    using Function = void (*)(const PixelReadHandler* handler, Int x, Int y, Int count,
+                              void* destination);
     Function read;
 };
 

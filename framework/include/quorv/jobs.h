@@ -141,9 +141,11 @@ public:
     /// A new job (one reference, not queued) with `parent` as its parent; out of memory gives
     /// the kind 0 error.
     template <typename F>
-    static Result<JobRef> Create(F&& f, JobObject* parent = ThreadServicesInterface::GetCurrentJob()) {
+    static Result<JobRef> Create(F&& f,
+                                 JobObject* parent = ThreadServicesInterface::GetCurrentJob()) {
         using Closure = std::decay_t<F>;
-        void* block = SystemInterface::Alloc(static_cast<Int>(sizeof(Closure)), QUORV_SOURCE_LOCATION);
+        void* block =
+            SystemInterface::Alloc(static_cast<Int>(sizeof(Closure)), QUORV_SOURCE_LOCATION);
         if (!block) return OutOfMemoryError();
         Closure* closure;
         try {
@@ -157,8 +159,8 @@ public:
             static_cast<Closure*>(user)->~Closure();
             SystemInterface::Free(user);
         };
-        JobObject* job = ThreadServicesInterface::AllocJob(run, closure, destroy, parent,
-                                                           QUORV_SOURCE_LOCATION);
+        JobObject* job =
+            ThreadServicesInterface::AllocJob(run, closure, destroy, parent, QUORV_SOURCE_LOCATION);
         if (!job) {
             destroy(closure);
             return OutOfMemoryError();

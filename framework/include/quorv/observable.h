@@ -18,7 +18,8 @@ struct ObserverHandleObject;
 using ObserverFunction = void (*)(void* user, Bool value);
 
 inline constexpr const char* OBSERVABLE_CLASS_ID = "net.quorv.class.observable";
-inline constexpr const char* OBSERVABLE_COMBINER_RUNALL_ID = "net.quorv.component.observablecombinerrunall";
+inline constexpr const char* OBSERVABLE_COMBINER_RUNALL_ID =
+    "net.quorv.component.observablecombinerrunall";
 inline constexpr const char* OBSERVER_CLASS_ID = "net.quorv.class.observerobject";
 
 // clang-format off
@@ -32,6 +33,7 @@ inline constexpr const char* OBSERVER_CLASS_ID = "net.quorv.class.observerobject
 /// `Create` knows the class "net.quorv.class.observable" with the combiner
 /// "net.quorv.component.observablecombinerrunall" on "net.quorv.class.observerobject"; another id
 /// is an illegal-argument error naming it. Objects and handles are counted (quorv/ref.h).
-QUORV_NONVIRTUAL_INTERFACE(ObservableInterface, "net.quorv.interface.observable", QUORV_OBSERVABLE_METHODS);
+QUORV_NONVIRTUAL_INTERFACE(ObservableInterface, "net.quorv.interface.observable",
+                           QUORV_OBSERVABLE_METHODS);
 
 }  // namespace quorv

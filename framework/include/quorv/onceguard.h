@@ -74,8 +74,7 @@ public:
     OnceGuard& operator=(const OnceGuard&) = delete;
 
 private:
-    Result<void> RunAsOwner(JobFunction build, void* user, FAILURE failure,
-                            SpinWaitRecord& record);
+    Result<void> RunAsOwner(JobFunction build, void* user, FAILURE failure, SpinWaitRecord& record);
 
     std::atomic<UInt> _word{FREE};
 };

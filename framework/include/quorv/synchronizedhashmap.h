@@ -29,7 +29,8 @@ public:
         Entry(const K& k, UInt h) : key(k), hash(h) {}
     };
 
-    explicit SynchronizedHashMap(Int initialCapacity = 16) : _firstCapacity(initialCapacity < 4 ? 4 : initialCapacity) {}
+    explicit SynchronizedHashMap(Int initialCapacity = 16)
+        : _firstCapacity(initialCapacity < 4 ? 4 : initialCapacity) {}
     ~SynchronizedHashMap() { Reset(); }
     SynchronizedHashMap(const SynchronizedHashMap&) = delete;
     SynchronizedHashMap& operator=(const SynchronizedHashMap&) = delete;
@@ -59,7 +60,8 @@ public:
         if (levels == 0 || _count.load(std::memory_order_relaxed) >= 2 * _levels[levels - 1].size) {
             if (levels == MAX_LEVELS) return OutOfMemoryError();
             const Int size = levels == 0 ? RoundUp(_firstCapacity) : _levels[levels - 1].size * 2;
-            void* block = SystemInterface::Alloc(size * static_cast<Int>(sizeof(std::atomic<Entry*>)), QUORV_SOURCE_LOCATION);
+            void* block = SystemInterface::Alloc(
+                size * static_cast<Int>(sizeof(std::atomic<Entry*>)), QUORV_SOURCE_LOCATION);
             if (!block) return OutOfMemoryError();
             auto* buckets = static_cast<std::atomic<Entry*>*>(block);
             for (Int i = 0; i < size; ++i) new (buckets + i) std::atomic<Entry*>(nullptr);
@@ -67,7 +69,8 @@ public:
             _levels[levels].size = size;
             _levelCount.store(++levels, std::memory_order_release);
         }
-        void* block = SystemInterface::Alloc(static_cast<Int>(sizeof(Entry)), QUORV_SOURCE_LOCATION);
+        void* block =
+            SystemInterface::Alloc(static_cast<Int>(sizeof(Entry)), QUORV_SOURCE_LOCATION);
         if (!block) return OutOfMemoryError();
         Entry* e;
         try {
@@ -90,7 +93,8 @@ public:
     /// Calls `f(key, value)` for every entry inserted before the walk started.
     template <typename F>
     void ForEach(F&& f) {
-        for (Entry* e = _all.load(std::memory_order_acquire); e; e = e->nextInOrder.load(std::memory_order_acquire)) {
+        for (Entry* e = _all.load(std::memory_order_acquire); e;
+             e = e->nextInOrder.load(std::memory_order_acquire)) {
             f(static_cast<const K&>(e->key), e->value);
         }
     }

@@ -31,17 +31,21 @@ struct StandardProfiles {
         cmsCIExyY d65;
         cmsWhitePointFromTemp(&d65, 6504);
         // The sRGB primaries.
-        const cmsCIExyYTRIPLE primaries = {{0.6400, 0.3300, 1.0}, {0.3000, 0.6000, 1.0}, {0.1500, 0.0600, 1.0}};
+        const cmsCIExyYTRIPLE primaries = {
+            {0.6400, 0.3300, 1.0}, {0.3000, 0.6000, 1.0}, {0.1500, 0.0600, 1.0}};
         cmsToneCurve* linear = cmsBuildGamma(nullptr, 1.0);
         cmsToneCurve* curves[3] = {linear, linear, linear};
-        srgb = Make(imageids::PROFILE_SRGB, imageids::COLORSPACE_RGB, cmsCreate_sRGBProfile(), "sRGB");
-        linearRgb = Make(imageids::PROFILE_LINEAR_RGB, imageids::COLORSPACE_RGB,
-                         cmsCreateRGBProfile(&d65, &primaries, curves), "Linear RGB (sRGB primaries, D65)");
+        srgb =
+            Make(imageids::PROFILE_SRGB, imageids::COLORSPACE_RGB, cmsCreate_sRGBProfile(), "sRGB");
+        linearRgb =
+            Make(imageids::PROFILE_LINEAR_RGB, imageids::COLORSPACE_RGB,
+                 cmsCreateRGBProfile(&d65, &primaries, curves), "Linear RGB (sRGB primaries, D65)");
         linearGrey = Make(imageids::PROFILE_LINEAR_GREY, imageids::COLORSPACE_GREY,
                           cmsCreateGrayProfile(&d65, linear), "Linear grey (D65)");
         cmsFreeToneCurve(linear);
     }
-    static ColorProfileObject* Make(const char* id, const char* space, cmsHPROFILE handle, const char* description) {
+    static ColorProfileObject* Make(const char* id, const char* space, cmsHPROFILE handle,
+                                    const char* description) {
         ColorProfileObject* p = NewImmortalObject<ColorProfileObject>();
         if (!p) return nullptr;
         p->id = LiteralId(id);
@@ -57,10 +61,13 @@ const StandardProfiles& Standard() {
     return profiles;
 }
 
-const ColorProfileObject* GetStandard(const char* id) { return id ? GetStandardProfile(id) : nullptr; }
+const ColorProfileObject* GetStandard(const char* id) {
+    return id ? GetStandardProfile(id) : nullptr;
+}
 
 const ColorProfileObject* GetDefaultLinear(const char* colorSpace) {
-    if (colorSpace && std::string_view(colorSpace) == imageids::COLORSPACE_GREY) return Standard().linearGrey;
+    if (colorSpace && std::string_view(colorSpace) == imageids::COLORSPACE_GREY)
+        return Standard().linearGrey;
     return Standard().linearRgb;
 }
 
@@ -80,7 +87,8 @@ Result<ColorProfileObject*> FromIcc(const void* data, Int size) {
             return MakeErrorWithId("net.quorv.error.fileformat", QUORV_SOURCE_LOCATION,
                                    "Only RGB and grey ICC profiles are supported");
         }
-        auto* p = NewCountedObject<ColorProfileObject>(&DeleteCountedObject<ColorProfileObject>, QUORV_SOURCE_LOCATION);
+        auto* p = NewCountedObject<ColorProfileObject>(&DeleteCountedObject<ColorProfileObject>,
+                                                       QUORV_SOURCE_LOCATION);
         if (!p) {
             cmsCloseProfile(handle);
             return OutOfMemoryError();
@@ -88,7 +96,8 @@ Result<ColorProfileObject*> FromIcc(const void* data, Int size) {
         AddReference(p);
         p->handle = handle;
         p->id = LiteralId(imageids::PROFILE_ICC);
-        p->colorSpace = LiteralId(space == cmsSigGrayData ? imageids::COLORSPACE_GREY : imageids::COLORSPACE_RGB);
+        p->colorSpace = LiteralId(space == cmsSigGrayData ? imageids::COLORSPACE_GREY
+                                                          : imageids::COLORSPACE_RGB);
         const auto* bytes = static_cast<const unsigned char*>(data);
         p->icc.assign(bytes, bytes + size);
         char text[256] = {0};
@@ -108,21 +117,28 @@ Bool IsEqualProfile(const ColorProfileObject* a, const ColorProfileObject* b) {
 }
 
 LiteralId GetProfileId(const ColorProfileObject* p) { return p ? p->id : LiteralId(); }
-LiteralId GetProfileColorSpace(const ColorProfileObject* p) { return p ? p->colorSpace : LiteralId(); }
+LiteralId GetProfileColorSpace(const ColorProfileObject* p) {
+    return p ? p->colorSpace : LiteralId();
+}
 Int GetDescription(const ColorProfileObject* p, char* buffer, Int capacity) {
-    return WriteTextToBuffer(p ? std::string_view(p->description) : std::string_view(), buffer, capacity);
+    return WriteTextToBuffer(p ? std::string_view(p->description) : std::string_view(), buffer,
+                             capacity);
 }
 
 Result<cmsUInt32Number> LcmsFormat(const PixelFormatObject* f) {
-    if (f && f->type == CHANNELTYPE::F64 && f->layout == PIXELLAYOUT::RGB) return cmsUInt32Number(TYPE_RGB_DBL);
-    if (f && f->type == CHANNELTYPE::F64 && f->layout == PIXELLAYOUT::GREY) return cmsUInt32Number(TYPE_GRAY_DBL);
+    if (f && f->type == CHANNELTYPE::F64 && f->layout == PIXELLAYOUT::RGB)
+        return cmsUInt32Number(TYPE_RGB_DBL);
+    if (f && f->type == CHANNELTYPE::F64 && f->layout == PIXELLAYOUT::GREY)
+        return cmsUInt32Number(TYPE_GRAY_DBL);
     return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                      FormatMessage("Colour conversion supports rgb.f64 and grey.f64, not @",
                                    {f ? f->idText : std::string("(null)")}));
 }
 
-Result<ColorProfileConvertObject*> AllocConvert(const ColorProfileObject* from, const PixelFormatObject* fromFormat,
-                                                const ColorProfileObject* to, const PixelFormatObject* toFormat) {
+Result<ColorProfileConvertObject*> AllocConvert(const ColorProfileObject* from,
+                                                const PixelFormatObject* fromFormat,
+                                                const ColorProfileObject* to,
+                                                const PixelFormatObject* toFormat) {
     if (!from || !to || !from->handle || !to->handle) {
         return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Colour profile missing");
     }
@@ -143,8 +159,8 @@ Result<ColorProfileConvertObject*> AllocConvert(const ColorProfileObject* from, 
                                FormatMessage("No conversion from profile @ to @",
                                              {from->description, to->description}));
     }
-    auto* c = NewCountedObject<ColorProfileConvertObject>(&DeleteCountedObject<ColorProfileConvertObject>,
-                                                          QUORV_SOURCE_LOCATION);
+    auto* c = NewCountedObject<ColorProfileConvertObject>(
+        &DeleteCountedObject<ColorProfileConvertObject>, QUORV_SOURCE_LOCATION);
     if (!c) {
         cmsDeleteTransform(t);
         return OutOfMemoryError();
@@ -178,7 +194,8 @@ void SetCalculateAlpha(LayerSetObject* l, Bool calculate) {
     if (l) l->calculateAlpha = calculate;
 }
 Result<void> AddLayer(LayerSetObject* l, const char* name, Int length) {
-    if (!l || !name || length < 0) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Layer name missing");
+    if (!l || !name || length < 0)
+        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Layer name missing");
     return GuardAllocation([&]() -> Result<void> {
         l->layers.emplace_back(name, static_cast<size_t>(length));
         return OK;

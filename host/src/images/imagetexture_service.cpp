@@ -54,11 +54,13 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
         if (!in) return IoError(text, OIIO::geterror());
         Int frames = 0;
         Int named = -1;
-        const std::string* wanted = layerSet && layerSet->mode == LAYERSETMODE::LAYERS && !layerSet->layers.empty()
-                                        ? &layerSet->layers.front()
-                                        : nullptr;
+        const std::string* wanted =
+            layerSet && layerSet->mode == LAYERSETMODE::LAYERS && !layerSet->layers.empty()
+                ? &layerSet->layers.front()
+                : nullptr;
         while (in->seek_subimage(static_cast<int>(frames), 0)) {
-            if (wanted && in->spec().get_string_attribute("oiio:subimagename") == *wanted) named = frames;
+            if (wanted && in->spec().get_string_attribute("oiio:subimagename") == *wanted)
+                named = frames;
             ++frames;
             if (frames > 100000) break;
         }
@@ -80,27 +82,40 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
             return IoError(text, "no two-dimensional pixels");
         }
         const int channels = std::min(spec.nchannels, 4);
-        PIXELLAYOUT layout = channels == 1 ? PIXELLAYOUT::GREY
+        PIXELLAYOUT layout = channels == 1   ? PIXELLAYOUT::GREY
                              : channels == 2 ? PIXELLAYOUT::GREYA
                              : channels == 3 ? PIXELLAYOUT::RGB
                                              : PIXELLAYOUT::RGBA;
         CHANNELTYPE type;
         OIIO::TypeDesc readType;
         switch (spec.format.basetype) {
-            case OIIO::TypeDesc::UINT8: type = CHANNELTYPE::U8; readType = OIIO::TypeDesc::UINT8; break;
-            case OIIO::TypeDesc::UINT16: type = CHANNELTYPE::U16; readType = OIIO::TypeDesc::UINT16; break;
-            case OIIO::TypeDesc::DOUBLE: type = CHANNELTYPE::F64; readType = OIIO::TypeDesc::DOUBLE; break;
-            default: type = CHANNELTYPE::F32; readType = OIIO::TypeDesc::FLOAT; break;
+            case OIIO::TypeDesc::UINT8:
+                type = CHANNELTYPE::U8;
+                readType = OIIO::TypeDesc::UINT8;
+                break;
+            case OIIO::TypeDesc::UINT16:
+                type = CHANNELTYPE::U16;
+                readType = OIIO::TypeDesc::UINT16;
+                break;
+            case OIIO::TypeDesc::DOUBLE:
+                type = CHANNELTYPE::F64;
+                readType = OIIO::TypeDesc::DOUBLE;
+                break;
+            default:
+                type = CHANNELTYPE::F32;
+                readType = OIIO::TypeDesc::FLOAT;
+                break;
         }
         const PixelFormatObject* format = GetPixelFormat(layout, type);
         ImageObject* image = NewImage(spec.width, spec.height, format);
         if (!image) return OutOfMemoryError();
         Ref<ImageObject> imageRef = Ref<ImageObject>::Adopt(image);
-        if (!in->read_image(static_cast<int>(frame), 0, 0, channels, readType, image->pixels.data())) {
+        if (!in->read_image(static_cast<int>(frame), 0, 0, channels, readType,
+                            image->pixels.data())) {
             return IoError(text, in->geterror());
         }
-        auto* texture = NewCountedObject<ImageTextureObject>(&DeleteCountedObject<ImageTextureObject>,
-                                                             QUORV_SOURCE_LOCATION);
+        auto* texture = NewCountedObject<ImageTextureObject>(
+            &DeleteCountedObject<ImageTextureObject>, QUORV_SOURCE_LOCATION);
         if (!texture) return OutOfMemoryError();
         AddReference(texture);
         Ref<ImageTextureObject> textureRef = Ref<ImageTextureObject>::Adopt(texture);
@@ -114,25 +129,31 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
         const bool grey = format->grey;
         if (const OIIO::ParamValue* icc = spec.find_attribute("ICCProfile")) {
             Result<ColorProfileObject*> p = ColorProfileInterface::FromIcc(
-                icc->data(), static_cast<Int>(icc->type().size() * static_cast<size_t>(icc->nvalues())));
+                icc->data(),
+                static_cast<Int>(icc->type().size() * static_cast<size_t>(icc->nvalues())));
             // An unreadable embedded profile leaves the picture without one.
             if (p.IsOk()) texture->profile = Ref<ColorProfileObject>::Adopt(p.GetValue());
         }
         if (!texture->profile) {
             std::string space = spec.get_string_attribute("oiio:ColorSpace");
-            std::transform(space.begin(), space.end(), space.begin(), [](unsigned char c) { return std::tolower(c); });
+            std::transform(space.begin(), space.end(), space.begin(),
+                           [](unsigned char c) { return std::tolower(c); });
             const char* id = nullptr;
-            if (space == "srgb") id = imageids::PROFILE_SRGB;
+            if (space == "srgb")
+                id = imageids::PROFILE_SRGB;
             else if (space == "linear" || type == CHANNELTYPE::F32 || type == CHANNELTYPE::F64)
                 id = grey ? imageids::PROFILE_LINEAR_GREY : imageids::PROFILE_LINEAR_RGB;
-            if (id) texture->profile = Ref<ColorProfileObject>(const_cast<ColorProfileObject*>(GetStandardProfile(id)));
+            if (id)
+                texture->profile = Ref<ColorProfileObject>(
+                    const_cast<ColorProfileObject*>(GetStandardProfile(id)));
         }
         return textureRef.Disconnect();
     });
 }
 
 ImageTextureObject* AllocTexture(const SourceLocation& loc) {
-    auto* texture = NewCountedObject<ImageTextureObject>(&DeleteCountedObject<ImageTextureObject>, loc);
+    auto* texture =
+        NewCountedObject<ImageTextureObject>(&DeleteCountedObject<ImageTextureObject>, loc);
     if (texture) AddReference(texture);
     return texture;
 }
@@ -144,7 +165,8 @@ ImageObject* GetFirstImage(const ImageTextureObject* texture) {
 }
 
 Result<void> AddImage(ImageTextureObject* texture, ImageObject* image) {
-    if (!texture || !image) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Picture or image missing");
+    if (!texture || !image)
+        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Picture or image missing");
     return GuardAllocation([&]() -> Result<void> {
         texture->images.push_back(image);
         AddReference(image);
@@ -165,7 +187,8 @@ const ColorProfileObject* GetColorProfile(const ImageTextureObject* texture) {
 }
 
 void SetColorProfile(ImageTextureObject* texture, const ColorProfileObject* profile) {
-    if (texture) texture->profile = Ref<ColorProfileObject>(const_cast<ColorProfileObject*>(profile));
+    if (texture)
+        texture->profile = Ref<ColorProfileObject>(const_cast<ColorProfileObject*>(profile));
 }
 
 Int GetFrameCount(const ImageTextureObject* texture) { return texture ? texture->frameCount : 0; }
@@ -186,6 +209,8 @@ const ImageTextureInterface::Slots g_slots{
 
 }  // namespace
 
-void RegisterImageTextureService(Host& host) { host.RegisterService<ImageTextureInterface>(g_slots); }
+void RegisterImageTextureService(Host& host) {
+    host.RegisterService<ImageTextureInterface>(g_slots);
+}
 
 }  // namespace quorv::host

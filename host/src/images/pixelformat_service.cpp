@@ -20,7 +20,8 @@ namespace quorv::host {
 
 namespace {
 
-constexpr std::array<std::string_view, 6> LAYOUT_NAMES = {"rgb", "rgba", "grey", "greya", "agrey", "bgr"};
+constexpr std::array<std::string_view, 6> LAYOUT_NAMES = {"rgb",   "rgba",  "grey",
+                                                          "greya", "agrey", "bgr"};
 constexpr std::array<std::string_view, 4> TYPE_NAMES = {"u8", "u16", "f32", "f64"};
 
 struct FormatTable {
@@ -29,19 +30,61 @@ struct FormatTable {
         for (int l = 0; l < 6; ++l) {
             for (int t = 0; t < 4; ++t) {
                 PixelFormatObject& f = formats[static_cast<size_t>(l * 4 + t)];
-                f.idText = std::string(imageids::PIXELFORMAT_PREFIX) + std::string(LAYOUT_NAMES[l]) +
-                           "." + std::string(TYPE_NAMES[t]);
+                f.idText = std::string(imageids::PIXELFORMAT_PREFIX) +
+                           std::string(LAYOUT_NAMES[l]) + "." + std::string(TYPE_NAMES[t]);
                 f.id = LiteralId(f.idText.c_str());
                 f.layout = static_cast<PIXELLAYOUT>(l);
                 f.type = static_cast<CHANNELTYPE>(t);
                 f.bytesPerChannel = t == 0 ? 1 : t == 1 ? 2 : t == 2 ? 4 : 8;
                 switch (f.layout) {
-                    case PIXELLAYOUT::RGB: f.channels = 3; f.alpha = false; f.grey = false; f.index[0] = 0; f.index[1] = 1; f.index[2] = 2; f.index[3] = -1; break;
-                    case PIXELLAYOUT::RGBA: f.channels = 4; f.alpha = true; f.grey = false; f.index[0] = 0; f.index[1] = 1; f.index[2] = 2; f.index[3] = 3; break;
-                    case PIXELLAYOUT::GREY: f.channels = 1; f.alpha = false; f.grey = true; f.index[0] = f.index[1] = f.index[2] = 0; f.index[3] = -1; break;
-                    case PIXELLAYOUT::GREYA: f.channels = 2; f.alpha = true; f.grey = true; f.index[0] = f.index[1] = f.index[2] = 0; f.index[3] = 1; break;
-                    case PIXELLAYOUT::AGREY: f.channels = 2; f.alpha = true; f.grey = true; f.index[0] = f.index[1] = f.index[2] = 1; f.index[3] = 0; break;
-                    case PIXELLAYOUT::BGR: f.channels = 3; f.alpha = false; f.grey = false; f.index[0] = 2; f.index[1] = 1; f.index[2] = 0; f.index[3] = -1; break;
+                    case PIXELLAYOUT::RGB:
+                        f.channels = 3;
+                        f.alpha = false;
+                        f.grey = false;
+                        f.index[0] = 0;
+                        f.index[1] = 1;
+                        f.index[2] = 2;
+                        f.index[3] = -1;
+                        break;
+                    case PIXELLAYOUT::RGBA:
+                        f.channels = 4;
+                        f.alpha = true;
+                        f.grey = false;
+                        f.index[0] = 0;
+                        f.index[1] = 1;
+                        f.index[2] = 2;
+                        f.index[3] = 3;
+                        break;
+                    case PIXELLAYOUT::GREY:
+                        f.channels = 1;
+                        f.alpha = false;
+                        f.grey = true;
+                        f.index[0] = f.index[1] = f.index[2] = 0;
+                        f.index[3] = -1;
+                        break;
+                    case PIXELLAYOUT::GREYA:
+                        f.channels = 2;
+                        f.alpha = true;
+                        f.grey = true;
+                        f.index[0] = f.index[1] = f.index[2] = 0;
+                        f.index[3] = 1;
+                        break;
+                    case PIXELLAYOUT::AGREY:
+                        f.channels = 2;
+                        f.alpha = true;
+                        f.grey = true;
+                        f.index[0] = f.index[1] = f.index[2] = 1;
+                        f.index[3] = 0;
+                        break;
+                    case PIXELLAYOUT::BGR:
+                        f.channels = 3;
+                        f.alpha = false;
+                        f.grey = false;
+                        f.index[0] = 2;
+                        f.index[1] = 1;
+                        f.index[2] = 0;
+                        f.index[3] = -1;
+                        break;
                 }
             }
         }
@@ -65,9 +108,12 @@ const ByteTable g_byteToUnit;
 
 template <typename T>
 inline Float64 ToUnit(T v) {
-    if constexpr (std::is_same_v<T, UInt8>) return g_byteToUnit.v[v];
-    else if constexpr (std::is_same_v<T, UInt16>) return v / 65535.0;
-    else return static_cast<Float64>(v);
+    if constexpr (std::is_same_v<T, UInt8>)
+        return g_byteToUnit.v[v];
+    else if constexpr (std::is_same_v<T, UInt16>)
+        return v / 65535.0;
+    else
+        return static_cast<Float64>(v);
 }
 
 template <typename T>
@@ -92,9 +138,9 @@ constexpr int TAKE_LUMINANCE = -2;
 struct ChannelMap {
     Int sourceChannels = 0;
     Int targetChannels = 0;
-    int take[4] = {0, 0, 0, 0};  // per target channel
+    int take[4] = {0, 0, 0, 0};    // per target channel
     int luminance[3] = {0, 1, 2};  // source positions of red, green, blue
-    bool identical = false;       // same format, a plain copy
+    bool identical = false;        // same format, a plain copy
     Int bytesPerTargetPixel = 0;
 };
 
@@ -130,20 +176,28 @@ using RunFunction = void (*)(const ChannelMap& m, const void* source, void* dest
 template <typename S>
 RunFunction PickTarget(CHANNELTYPE t) {
     switch (t) {
-        case CHANNELTYPE::U8: return &ConvertRun<S, UInt8>;
-        case CHANNELTYPE::U16: return &ConvertRun<S, UInt16>;
-        case CHANNELTYPE::F32: return &ConvertRun<S, Float32>;
-        case CHANNELTYPE::F64: return &ConvertRun<S, Float64>;
+        case CHANNELTYPE::U8:
+            return &ConvertRun<S, UInt8>;
+        case CHANNELTYPE::U16:
+            return &ConvertRun<S, UInt16>;
+        case CHANNELTYPE::F32:
+            return &ConvertRun<S, Float32>;
+        case CHANNELTYPE::F64:
+            return &ConvertRun<S, Float64>;
     }
     return nullptr;
 }
 
 RunFunction PickRun(CHANNELTYPE s, CHANNELTYPE t) {
     switch (s) {
-        case CHANNELTYPE::U8: return PickTarget<UInt8>(t);
-        case CHANNELTYPE::U16: return PickTarget<UInt16>(t);
-        case CHANNELTYPE::F32: return PickTarget<Float32>(t);
-        case CHANNELTYPE::F64: return PickTarget<Float64>(t);
+        case CHANNELTYPE::U8:
+            return PickTarget<UInt8>(t);
+        case CHANNELTYPE::U16:
+            return PickTarget<UInt16>(t);
+        case CHANNELTYPE::F32:
+            return PickTarget<Float32>(t);
+        case CHANNELTYPE::F64:
+            return PickTarget<Float64>(t);
     }
     return nullptr;
 }
@@ -163,7 +217,8 @@ ChannelMap MakeMap(const PixelFormatObject* source, const PixelFormatObject* tar
     const LAYERSETMODE mode = layerSet ? layerSet->mode : LAYERSETMODE::LAYERS;
     if (mode == LAYERSETMODE::ALPHAS || mode == LAYERSETMODE::LAYERALPHA ||
         mode == LAYERSETMODE::LAYERMASKS) {
-        const int g = source->alpha ? source->index[3] : (source->grey ? source->index[0] : TAKE_LUMINANCE);
+        const int g =
+            source->alpha ? source->index[3] : (source->grey ? source->index[0] : TAKE_LUMINANCE);
         logical[0] = logical[1] = logical[2] = g;
         logical[3] = TAKE_ONE;
     } else if (mode == LAYERSETMODE::DISABLED) {
@@ -201,7 +256,8 @@ struct WriteHandler {
 template <typename S, int SC, int TC>
 void ReadDirectToF64(const PixelReadHandler* h, Int x, Int y, Int count, void* destination) {
     const auto* self = reinterpret_cast<const ReadHandler*>(h);
-    const S* s = reinterpret_cast<const S*>(self->image->pixels.data() + y * self->image->rowBytes) + x * SC;
+    const S* s =
+        reinterpret_cast<const S*>(self->image->pixels.data() + y * self->image->rowBytes) + x * SC;
     Float64* d = static_cast<Float64*>(destination);
     for (Int i = 0; i < count; ++i, s += SC, d += TC) {
         d[0] = ToUnit(s[0]);
@@ -219,7 +275,8 @@ PixelReadHandler::Function PickDirect(Int sc, Int tc) {
 
 void ReadLine(const PixelReadHandler* h, Int x, Int y, Int count, void* destination) {
     const auto* self = reinterpret_cast<const ReadHandler*>(h);
-    const unsigned char* row = self->image->pixels.data() + y * self->image->rowBytes + x * self->sourcePixelBytes;
+    const unsigned char* row =
+        self->image->pixels.data() + y * self->image->rowBytes + x * self->sourcePixelBytes;
     if (self->map.identical) {
         std::memcpy(destination, row, static_cast<size_t>(count * self->sourcePixelBytes));
         return;
@@ -229,7 +286,8 @@ void ReadLine(const PixelReadHandler* h, Int x, Int y, Int count, void* destinat
 
 void WriteLine(const PixelWriteHandler* h, Int x, Int y, Int count, const void* source) {
     const auto* self = reinterpret_cast<const WriteHandler*>(h);
-    unsigned char* row = self->image->pixels.data() + y * self->image->rowBytes + x * self->targetPixelBytes;
+    unsigned char* row =
+        self->image->pixels.data() + y * self->image->rowBytes + x * self->targetPixelBytes;
     if (self->map.identical) {
         std::memcpy(row, source, static_cast<size_t>(count * self->targetPixelBytes));
         return;
@@ -242,7 +300,8 @@ void WriteLine(const PixelWriteHandler* h, Int x, Int y, Int count, const void* 
 const PixelFormatObject* Find(const char* id) {
     if (!id) return nullptr;
     std::string_view v(id);
-    if (v.substr(0, std::strlen(imageids::PIXELFORMAT_PREFIX)) != imageids::PIXELFORMAT_PREFIX) return nullptr;
+    if (v.substr(0, std::strlen(imageids::PIXELFORMAT_PREFIX)) != imageids::PIXELFORMAT_PREFIX)
+        return nullptr;
     for (const PixelFormatObject& f : Formats().formats) {
         if (f.idText == v) return &f;
     }
@@ -252,7 +311,9 @@ const PixelFormatObject* Find(const char* id) {
 LiteralId GetId(const PixelFormatObject* f) { return f ? f->id : LiteralId(); }
 Int GetBits(const PixelFormatObject* f) { return f ? f->channels * f->bytesPerChannel * 8 : 0; }
 Int GetChannelCount(const PixelFormatObject* f) { return f ? f->channels : 0; }
-Int GetBytesPerPixel(const PixelFormatObject* f) { return f ? f->channels * f->bytesPerChannel : 0; }
+Int GetBytesPerPixel(const PixelFormatObject* f) {
+    return f ? f->channels * f->bytesPerChannel : 0;
+}
 Bool HasAlpha(const PixelFormatObject* f) { return f && f->alpha; }
 Bool IsFloat(const PixelFormatObject* f) {
     return f && (f->type == CHANNELTYPE::F32 || f->type == CHANNELTYPE::F64);
@@ -268,8 +329,9 @@ Bool IsEqualFormat(const PixelFormatObject* a, const PixelFormatObject* b) {
 Result<ImageObject*> CreateImage(const char* imageClass, const char*, Int width, Int height,
                                  const PixelFormatObject* format) {
     if (!imageClass || std::string_view(imageClass) != imageids::IMAGECLASS_IMAGE) {
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Unknown image class @", {imageClass ? imageClass : "(null)"}));
+        return MakeError(
+            ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+            FormatMessage("Unknown image class @", {imageClass ? imageClass : "(null)"}));
     }
     if (!format || width < 0 || height < 0 || width > (Int(1) << 20) || height > (Int(1) << 20)) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
@@ -284,7 +346,9 @@ Result<ImageObject*> CreateImage(const char* imageClass, const char*, Int width,
 void FreeImage(ImageObject* image) { RemoveReference(image); }
 Int GetWidth(const ImageObject* image) { return image ? image->width : 0; }
 Int GetHeight(const ImageObject* image) { return image ? image->height : 0; }
-const PixelFormatObject* GetImageFormat(const ImageObject* image) { return image ? image->format : nullptr; }
+const PixelFormatObject* GetImageFormat(const ImageObject* image) {
+    return image ? image->format : nullptr;
+}
 
 Error BadHandler(const char* what) {
     return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
@@ -294,20 +358,31 @@ Error BadHandler(const char* what) {
 Result<PixelReadHandler*> GetPixelHandler(const ImageObject* image, const PixelFormatObject* target,
                                           const LayerSetObject* layerSet) {
     if (!image || !target) return BadHandler("get-pixel");
-    auto* h = NewCountedObject<ReadHandler>(&DeleteCountedObject<ReadHandler>, QUORV_SOURCE_LOCATION);
+    auto* h =
+        NewCountedObject<ReadHandler>(&DeleteCountedObject<ReadHandler>, QUORV_SOURCE_LOCATION);
     if (!h) return OutOfMemoryError();
     AddReference(h);
     h->face.read = &ReadLine;
     const PixelFormatObject* source = image->format;
-    const bool plainSource = source->layout == PIXELLAYOUT::RGB || source->layout == PIXELLAYOUT::RGBA;
-    const bool plainTarget = target->type == CHANNELTYPE::F64 &&
-                             (target->layout == PIXELLAYOUT::RGB || target->layout == PIXELLAYOUT::RGBA);
+    const bool plainSource =
+        source->layout == PIXELLAYOUT::RGB || source->layout == PIXELLAYOUT::RGBA;
+    const bool plainTarget =
+        target->type == CHANNELTYPE::F64 &&
+        (target->layout == PIXELLAYOUT::RGB || target->layout == PIXELLAYOUT::RGBA);
     if (plainSource && plainTarget && (!layerSet || layerSet->mode == LAYERSETMODE::LAYERS)) {
         switch (source->type) {
-            case CHANNELTYPE::U8: h->face.read = PickDirect<UInt8>(source->channels, target->channels); break;
-            case CHANNELTYPE::U16: h->face.read = PickDirect<UInt16>(source->channels, target->channels); break;
-            case CHANNELTYPE::F32: h->face.read = PickDirect<Float32>(source->channels, target->channels); break;
-            case CHANNELTYPE::F64: h->face.read = PickDirect<Float64>(source->channels, target->channels); break;
+            case CHANNELTYPE::U8:
+                h->face.read = PickDirect<UInt8>(source->channels, target->channels);
+                break;
+            case CHANNELTYPE::U16:
+                h->face.read = PickDirect<UInt16>(source->channels, target->channels);
+                break;
+            case CHANNELTYPE::F32:
+                h->face.read = PickDirect<Float32>(source->channels, target->channels);
+                break;
+            case CHANNELTYPE::F64:
+                h->face.read = PickDirect<Float64>(source->channels, target->channels);
+                break;
         }
     }
     h->image = const_cast<ImageObject*>(image);
@@ -320,7 +395,8 @@ Result<PixelReadHandler*> GetPixelHandler(const ImageObject* image, const PixelF
 
 Result<PixelWriteHandler*> SetPixelHandler(ImageObject* image, const PixelFormatObject* source) {
     if (!image || !source) return BadHandler("set-pixel");
-    auto* h = NewCountedObject<WriteHandler>(&DeleteCountedObject<WriteHandler>, QUORV_SOURCE_LOCATION);
+    auto* h =
+        NewCountedObject<WriteHandler>(&DeleteCountedObject<WriteHandler>, QUORV_SOURCE_LOCATION);
     if (!h) return OutOfMemoryError();
     AddReference(h);
     h->face.write = &WriteLine;
@@ -357,11 +433,13 @@ const ImageInterface::Slots g_imageSlots{
 }  // namespace
 
 const PixelFormatObject* GetPixelFormat(PIXELLAYOUT layout, CHANNELTYPE type) {
-    return &Formats().formats[static_cast<size_t>(static_cast<int>(layout) * 4 + static_cast<int>(type))];
+    return &Formats().formats[static_cast<size_t>(static_cast<int>(layout) * 4 +
+                                                  static_cast<int>(type))];
 }
 
 ImageObject* NewImage(Int width, Int height, const PixelFormatObject* format) {
-    auto* image = NewCountedObject<ImageObject>(&DeleteCountedObject<ImageObject>, QUORV_SOURCE_LOCATION);
+    auto* image =
+        NewCountedObject<ImageObject>(&DeleteCountedObject<ImageObject>, QUORV_SOURCE_LOCATION);
     if (!image) return nullptr;
     AddReference(image);
     image->width = width;

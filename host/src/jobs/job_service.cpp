@@ -45,7 +45,9 @@ struct JobQueueObject {
     // so that oneTBB does not warn about ignored requests; the queue still reports the count
     // it was made with.
     explicit JobQueueObject(int threads)
-        : arena(std::clamp(threads, 1, std::max(1, static_cast<int>(std::thread::hardware_concurrency()) - 1)), 0),
+        : arena(std::clamp(threads, 1,
+                           std::max(1, static_cast<int>(std::thread::hardware_concurrency()) - 1)),
+                0),
           threadCount(threads) {}
     tbb::task_arena arena;
     Int threadCount;
@@ -189,7 +191,8 @@ bool RunOnePending(JobQueueObject& queue) {
 Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
     if (!job) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Job missing");
     JOBSTATE expected = JOBSTATE::NEW;
-    if (!job->state.compare_exchange_strong(expected, JOBSTATE::ENQUEUING, std::memory_order_acq_rel)) {
+    if (!job->state.compare_exchange_strong(expected, JOBSTATE::ENQUEUING,
+                                            std::memory_order_acq_rel)) {
         return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
                          "Job enqueued twice or already run");
     }
@@ -230,9 +233,10 @@ Bool Wait(JobObject* job, Float64 timeoutSeconds) {
     using Clock = std::chrono::steady_clock;
     const bool unbounded = !(timeoutSeconds < 1e9);
     const Clock::time_point deadline =
-        unbounded ? Clock::time_point::max()
-                  : Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                       std::chrono::duration<double>(std::max(0.0, timeoutSeconds)));
+        unbounded
+            ? Clock::time_point::max()
+            : Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                 std::chrono::duration<double>(std::max(0.0, timeoutSeconds)));
     while (!IsFinished(job)) {
         if (Clock::now() >= deadline) return false;
         JobQueueObject* queue = job->queue.load(std::memory_order_acquire);
@@ -258,11 +262,13 @@ Result<void> AddObserver(JobObject* job, JobObserver observer, void* user, bool 
     }
     {
         std::lock_guard<std::mutex> lock(job->mutex);
-        const bool happened = onCancel ? job->cancelled.load(std::memory_order_acquire)
-                                       : job->state.load(std::memory_order_acquire) == JOBSTATE::FINISHED;
+        const bool happened =
+            onCancel ? job->cancelled.load(std::memory_order_acquire)
+                     : job->state.load(std::memory_order_acquire) == JOBSTATE::FINISHED;
         if (!happened) {
             try {
-                (onCancel ? job->cancelledObservers : job->finishedObservers).emplace_back(observer, user);
+                (onCancel ? job->cancelledObservers : job->finishedObservers)
+                    .emplace_back(observer, user);
             } catch (...) {
                 return OutOfMemoryError();
             }
@@ -322,7 +328,8 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
         while (RunOnePending(q)) {
         }
         std::unique_lock<std::mutex> lock(q.mutex);
-        if (q.idle.wait_for(lock, std::chrono::milliseconds(2), [&] { return q.live.empty(); })) return;
+        if (q.idle.wait_for(lock, std::chrono::milliseconds(2), [&] { return q.live.empty(); }))
+            return;
     }
 }
 

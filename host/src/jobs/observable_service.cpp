@@ -29,7 +29,9 @@ struct ObserverHandleObject {
         {
             std::lock_guard<std::mutex> lock(observable->mutex);
             auto& o = observable->observers;
-            o.erase(std::remove_if(o.begin(), o.end(), [this](const auto& x) { return x.id == id; }), o.end());
+            o.erase(
+                std::remove_if(o.begin(), o.end(), [this](const auto& x) { return x.id == id; }),
+                o.end());
         }
         RemoveReference(observable);
     }
@@ -41,16 +43,19 @@ namespace quorv::host {
 
 namespace {
 
-Result<ObservableObject*> Create(const char* classId, const char* combinerId, const char* observerClassId) {
+Result<ObservableObject*> Create(const char* classId, const char* combinerId,
+                                 const char* observerClassId) {
     auto check = [](const char* given, const char* known) -> Result<void> {
         if (given && std::string_view(given) == known) return OK;
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Unknown observable class or component @", {given ? given : "(null)"}));
+        return MakeError(
+            ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+            FormatMessage("Unknown observable class or component @", {given ? given : "(null)"}));
     };
     QUORV_RETURN_IF_ERROR(check(classId, OBSERVABLE_CLASS_ID));
     QUORV_RETURN_IF_ERROR(check(combinerId, OBSERVABLE_COMBINER_RUNALL_ID));
     QUORV_RETURN_IF_ERROR(check(observerClassId, OBSERVER_CLASS_ID));
-    auto* o = NewCountedObject<ObservableObject>(&DeleteCountedObject<ObservableObject>, QUORV_SOURCE_LOCATION);
+    auto* o = NewCountedObject<ObservableObject>(&DeleteCountedObject<ObservableObject>,
+                                                 QUORV_SOURCE_LOCATION);
     if (!o) return OutOfMemoryError();
     AddReference(o);
     return o;
@@ -58,9 +63,13 @@ Result<ObservableObject*> Create(const char* classId, const char* combinerId, co
 
 void Free(ObservableObject* o) { RemoveReference(o); }
 
-Result<ObserverHandleObject*> AddObserver(ObservableObject* o, ObserverFunction function, void* user) {
-    if (!o || !function) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Observable or observer missing");
-    auto* h = NewCountedObject<ObserverHandleObject>(&DeleteCountedObject<ObserverHandleObject>, QUORV_SOURCE_LOCATION);
+Result<ObserverHandleObject*> AddObserver(ObservableObject* o, ObserverFunction function,
+                                          void* user) {
+    if (!o || !function)
+        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION,
+                         "Observable or observer missing");
+    auto* h = NewCountedObject<ObserverHandleObject>(&DeleteCountedObject<ObserverHandleObject>,
+                                                     QUORV_SOURCE_LOCATION);
     if (!h) return OutOfMemoryError();
     AddReference(h);
     AddReference(o);
