@@ -80,11 +80,13 @@ TEST(Jobs, ACancelledParentCancelsItsChildren) {
     std::atomic<bool> release{false};
     std::atomic<bool> sawCancel{false};
     Result<JobRef> parent = MakeJob([&]() -> Result<void> {
-        Result<JobRef> child = MakeJob([&]() -> Result<void> {
-            while (!release.load()) std::this_thread::yield();
-            sawCancel = ThreadServicesInterface::IsCurrentJobCancelled();
-            return OK;
-        });
+        Result<JobRef> child = MakeJob(
+            [&]() -> Result<void> {
+                while (!release.load()) std::this_thread::yield();
+                sawCancel = ThreadServicesInterface::IsCurrentJobCancelled();
+                return OK;
+            },
+            ThreadServicesInterface::GetCurrentJob());
         if (child.IsError()) return child.GetError();
         QUORV_RETURN_IF_ERROR(child.GetValue().Enqueue());
         child.GetValue().Wait();
@@ -92,6 +94,8 @@ TEST(Jobs, ACancelledParentCancelsItsChildren) {
     });
     ASSERT_TRUE(parent.IsOk());
     ASSERT_TRUE(parent.GetValue().Enqueue().IsOk());
+    // Give the parent a chance to start, so that the child sees the cancel while it runs.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
     parent.GetValue().Cancel();
     release = true;
     EXPECT_TRUE(parent.GetValue().Wait());

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,14 +15,6 @@
 namespace quorv::cli {
 
 namespace {
-
-// A bad field of a sample line; answered as the line's error object.
-struct LineError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// Longest input line read; a longer one is answered with an error without being parsed.
-constexpr size_t MAX_LINE_BYTES = size_t{1} << 20;
 
 const char* const SAMPLE_HELP =
     R"(Reads JSON lines on stdin and writes one line per input, {"rgba":[r,g,b,a]}, numbers that
@@ -203,16 +194,14 @@ int RunInfo(const GlobalOptions& options, const TextureOptions& o) {
     TextureRef t = Load(options, o);
     if (!t) return 1;
     const Json info = TextureInfoJson(*t.Get());
-    if (o.json) {
-        std::cout << Line(info) << "\n";
-        return 0;
-    }
+    if (o.json) return WriteOutputLine(Line(info)) ? 0 : 1;
     std::string text;
     for (const auto& [key, value] : info.items()) {
         text += key + ": " + (value.is_string() ? value.get<std::string>() : value.dump()) + "\n";
     }
-    std::fputs(text.c_str(), stdout);
-    return 0;
+    // The last line's feed is written by WriteOutputLine, checked.
+    text.pop_back();
+    return WriteOutputLine(text) ? 0 : 1;
 }
 
 int RunSample(const GlobalOptions& options, const TextureOptions& o) {
@@ -224,28 +213,7 @@ int RunSample(const GlobalOptions& options, const TextureOptions& o) {
         return 1;
     }
     const ThreadedTextureRef& s = sampler.GetValue();
-    std::string input;
-    while (std::getline(std::cin, input)) {
-        if (input.find_first_not_of(" \t\r") == std::string::npos) continue;
-        Json answer;
-        const Json line =
-            input.size() > MAX_LINE_BYTES ? Json() : Json::parse(input, nullptr, false);
-        if (input.size() > MAX_LINE_BYTES) {
-            answer = ErrorJson("line too long");
-        } else if (line.is_discarded()) {
-            answer = ErrorJson("not JSON: " + input.substr(0, 200));
-        } else {
-            try {
-                answer = SampleTextureLine(s, line);
-            } catch (const LineError& e) {
-                answer = ErrorJson(e.what());
-            } catch (const Json::exception& e) {
-                answer = ErrorJson(e.what());
-            }
-        }
-        std::cout << Line(answer) << std::endl;
-    }
-    return 0;
+    return RunJsonLines(std::cin, [&s](const Json& line) { return SampleTextureLine(s, line); });
 }
 
 int RunResample(const GlobalOptions& options, const TextureOptions& o) {
