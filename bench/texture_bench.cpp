@@ -82,18 +82,26 @@ TextureRef& Texture() {
     return t;
 }
 
-void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, double footprint) {
+// Coherent lookups: each thread walks along a row, a third of a texel a step, as a renderer's
+// neighbouring rays do; the random table above misses the caches on nearly every lookup.
+Vector2d64 Coherent(size_t i, int thread) {
+    const double step = 1.0 / (3.0 * SIZE);
+    return {static_cast<double>(i & 0xffff) * step, 0.25 + 0.5 * thread + static_cast<double>(i >> 16) / SIZE};
+}
+
+void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, double footprint, bool coherent = false) {
     Result<ThreadedTextureRef> s = ThreadedTextureRef::Create(Texture());
     if (s.IsError()) Fail(ErrorToString(s.GetErrorPointer()));
     const ThreadedTextureRef& sampler = s.GetValue();
     // Builds the pyramid outside the timing of the first iteration.
     sampler.Sample({0.5, 0.5}, {footprint, footprint}, TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT,
                    interpolation);
-    size_t i = static_cast<size_t>(state.thread_index()) * 977;
+    size_t i = coherent ? 0 : static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
-        const ColorA64 c = sampler.Sample(g_positions.uv[i++ & (TABLE - 1)], {footprint, footprint},
-                                          TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT, interpolation);
+        const Vector2d64 uv = coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
+        const ColorA64 c =
+            sampler.Sample(uv, {footprint, footprint}, TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT, interpolation);
         sum += c.r;
     }
     benchmark::DoNotOptimize(sum);
@@ -124,7 +132,7 @@ OIIO::TextureSystem* Oiio() {
     return ts;
 }
 
-void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double footprint) {
+void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double footprint, bool coherent = false) {
     OIIO::TextureSystem* ts = Oiio();
     OIIO::TextureSystem::TextureHandle* handle =
         ts->get_texture_handle(OIIO::ustring(Picture(SIZE)));
@@ -140,10 +148,10 @@ void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double 
         ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d, 0, 0,
                     d, 4, out);
     }
-    size_t i = static_cast<size_t>(state.thread_index()) * 977;
+    size_t i = coherent ? 0 : static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
-        const Vector2d64& p = g_positions.uv[i++ & (TABLE - 1)];
+        const Vector2d64 p = coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
         if (!ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d,
                          0, 0, d, 4, out)) {
             Fail(ts->geterror());
@@ -198,10 +206,27 @@ void BM_LoadTextureCached(benchmark::State& state) {
     }
 }
 
+void BM_QuorvBilinearCoherent(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::LINEAR, 0.0, true);
+}
+void BM_OiioBilinearCoherent(benchmark::State& state) {
+    OiioLookups(state, OIIO::TextureOpt::MipModeNoMIP, 0.0, true);
+}
+void BM_QuorvMipCoherent(benchmark::State& state) {
+    QuorvLookups(state, TEXTUREINTERPOLATION::MIP, FOOTPRINT, true);
+}
+void BM_OiioTrilinearCoherent(benchmark::State& state) {
+    OiioLookups(state, OIIO::TextureOpt::MipModeTrilinear, FOOTPRINT, true);
+}
+
 BENCHMARK(BM_QuorvBilinear)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_OiioBilinear)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_QuorvMip)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_OiioTrilinear)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_QuorvBilinearCoherent)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_OiioBilinearCoherent)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_QuorvMipCoherent)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_OiioTrilinearCoherent)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_QuorvBicubic)->Threads(1)->UseRealTime();
 BENCHMARK(BM_QuorvRip)->Threads(1)->UseRealTime();
 BENCHMARK(BM_BuildPyramid)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
