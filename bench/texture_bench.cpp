@@ -86,10 +86,12 @@ TextureRef& Texture() {
 // neighbouring rays do; the random table above misses the caches on nearly every lookup.
 Vector2d64 Coherent(size_t i, int thread) {
     const double step = 1.0 / (3.0 * SIZE);
-    return {static_cast<double>(i & 0xffff) * step, 0.25 + 0.5 * thread + static_cast<double>(i >> 16) / SIZE};
+    return {static_cast<double>(i & 0xffff) * step,
+            0.25 + 0.5 * thread + static_cast<double>(i >> 16) / SIZE};
 }
 
-void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, double footprint, bool coherent = false) {
+void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, double footprint,
+                  bool coherent = false) {
     Result<ThreadedTextureRef> s = ThreadedTextureRef::Create(Texture());
     if (s.IsError()) Fail(ErrorToString(s.GetErrorPointer()));
     const ThreadedTextureRef& sampler = s.GetValue();
@@ -99,9 +101,10 @@ void QuorvLookups(benchmark::State& state, TEXTUREINTERPOLATION interpolation, d
     size_t i = coherent ? 0 : static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
-        const Vector2d64 uv = coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
-        const ColorA64 c =
-            sampler.Sample(uv, {footprint, footprint}, TEXTUREMODE::REPEAT, TEXTUREMODE::REPEAT, interpolation);
+        const Vector2d64 uv =
+            coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
+        const ColorA64 c = sampler.Sample(uv, {footprint, footprint}, TEXTUREMODE::REPEAT,
+                                          TEXTUREMODE::REPEAT, interpolation);
         sum += c.r;
     }
     benchmark::DoNotOptimize(sum);
@@ -132,7 +135,8 @@ OIIO::TextureSystem* Oiio() {
     return ts;
 }
 
-void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double footprint, bool coherent = false) {
+void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double footprint,
+                 bool coherent = false) {
     OIIO::TextureSystem* ts = Oiio();
     OIIO::TextureSystem::TextureHandle* handle =
         ts->get_texture_handle(OIIO::ustring(Picture(SIZE)));
@@ -151,7 +155,8 @@ void OiioLookups(benchmark::State& state, OIIO::TextureOpt::MipMode mip, double 
     size_t i = coherent ? 0 : static_cast<size_t>(state.thread_index()) * 977;
     double sum = 0;
     for (auto _ : state) {
-        const Vector2d64 p = coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
+        const Vector2d64 p =
+            coherent ? Coherent(i++, state.thread_index()) : g_positions.uv[i++ & (TABLE - 1)];
         if (!ts->texture(handle, thread, opt, static_cast<float>(p.x), static_cast<float>(p.y), d,
                          0, 0, d, 4, out)) {
             Fail(ts->geterror());
