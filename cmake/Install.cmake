@@ -5,15 +5,15 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 find_package(TBB REQUIRED)
 
-# libquorv_host.so: the services, the loader, the picture writer and the batch entry points,
-# with a framework copy of its own. It exports only the quorv::host API (host/exports.map) and
-# binds its own symbols to itself, like a module.
+# libquorv_host.so: the services (the image services included), the loader, the picture writer
+# and the batch entry points, with a framework copy of its own. It exports only the quorv::host
+# API (host/exports.map) and binds its own symbols to itself, like a module.
 add_library(quorv_host_shared SHARED
     $<TARGET_OBJECTS:quorv_host_objects>
+    $<TARGET_OBJECTS:quorv_host_image_objects>
     $<TARGET_OBJECTS:quorv_batch>
     $<TARGET_OBJECTS:quorv_framework>)
-target_link_libraries(quorv_host_shared PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,quorv_host_image>"
-                      TBB::tbb ${CMAKE_DL_LIBS})
+target_link_libraries(quorv_host_shared PRIVATE PkgConfig::OIIO PkgConfig::LCMS2 TBB::tbb ${CMAKE_DL_LIBS})
 target_link_options(quorv_host_shared PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined
                     -Wl,--version-script=${PROJECT_SOURCE_DIR}/host/exports.map)
 set_property(TARGET quorv_host_shared APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/host/exports.map)
