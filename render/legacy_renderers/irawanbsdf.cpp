@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "quorv/image.h"
 #include "render/legacy_renderers/bsdf_impl.h"
 #include "render/legacy_renderers/bsdf_math.h"
 #include "render/legacy_renderers/clothweavepattern_impl.h"
@@ -131,20 +132,49 @@ Float64 IrawanBRDFImpl::PdfIndirect(const Vector64&, const Vector64& wi) const {
     return std::fabs(wi.z) / BSDF_PI;
 }
 
-Result<void> IrawanBRDFImpl::GeneratePreviewImage(ImageObject* image, Float64) {
+Result<void> IrawanBRDFImpl::GeneratePreviewImage(ImageObject* image, Float64 gain) {
     if (!image) {
         return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION,
                          "IrawanBSDF::GeneratePreviewImage: image is nullptr");
     }
-    // The host's image services (pixel handlers, colour conversion) are not there yet; the
-    // command line draws the same swatch through ComputeF_UVW meanwhile.
-    return MakeError(ERRORKIND::FUNCTIONNOTIMPLEMENTED, QUORV_SOURCE_LOCATION,
-                     "IrawanBSDF::GeneratePreviewImage: no image services in this host");
+    // A square of n x n pixels, n the width: a picture less high than wide fails at its first
+    // row past the height, as a write past the image does.
+    const Int n = ImageInterface::GetWidth(image);
+    const Int height = ImageInterface::GetHeight(image);
+    const Vector64 wo{0.5773502691896258, 0.5773502691896258, 0.5773502691896258};
+    const Vector64 wi{0.0, 0.0, 1.0};
+    const Vector64 delta{0.0002, 0.0002, 0.0};
+    // The handler takes Float32 grey and converts it into the image's own pixel format.
+    const PixelFormatObject* grey = FindPixelFormat("grey.f32");
+    if (!grey) {
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         "IrawanBSDF::GeneratePreviewImage: no grey.f32 pixel format");
+    }
+    Result<PixelWriteHandler*> handler = ImageInterface::SetPixelHandler(image, grey);
+    if (handler.IsError()) return handler.GetError();
+    Ref<PixelWriteHandler> write = Ref<PixelWriteHandler>::Adopt(handler.GetValue());
+    for (Int y = 0; y < n; ++y) {
+        if (y >= height) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             FormatMessage("IrawanBSDF::GeneratePreviewImage: row @ is outside "
+                                           "the image of @ rows",
+                                           {std::to_string(y), std::to_string(height)}));
+        }
+        for (Int x = 0; x < n; ++x) {
+            const Vector64 at{static_cast<Float64>(x) / static_cast<Float64>(n) * 0.1,
+                              static_cast<Float64>(y) / static_cast<Float64>(n) * 0.1, 0.0};
+            const Float32 value = static_cast<Float32>(ComputeF_UVW(wo, wi, at, delta).r * gain);
+            write->write(write.Get(), x, y, 1, &value);
+        }
+    }
+    return OK;
 }
 
 namespace {
 
-ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
+ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"},
+                             {&ImageInterface::record, "quorv/image.h"},
+                             {&PixelFormatInterface::record, "quorv/image.h"}});
 SimpleClass<IrawanBRDFImpl, BSDFLegacyInterface> g_irawan(g_unit, IRAWAN_BRDF_CLASS_ID,
                                                           BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "quorv/image.h"
 #include "render/legacy_renderers/bsdf_impl.h"
 #include "render/legacy_renderers/bsdfdata.h"
 #include "render/legacy_renderers/clothnoise.h"
@@ -656,6 +657,57 @@ TEST(IrawanBRDF, TwoObjectsInOneStateSampleWhatTheOtherEvaluates) {
         EXPECT_EQ(pa, pb) << i;
         EXPECT_EQ(a.bsdf.random.state, b.bsdf.random.state);
     }
+}
+
+// The preview: n = width, wo on the diagonal, wi the normal, footprint 0.0002, pixel (x, y) at
+// (x / n * 0.1, y / n * 0.1), red times the gain, in rows; a twin object in the same state
+// computes what each pixel must hold, and the host's handler converts grey into the image's
+// format. A picture less high than wide fails at its first row past the height.
+TEST(IrawanBRDF, PreviewDrawsThroughTheHostImage) {
+    for (const char* format : {"grey.f32", "rgb.f32"}) {
+        Cloth a, b;
+        InitCloth(a, 2, 4, {0.8, 0.6, 0.4});
+        InitCloth(b, 2, 4, {0.8, 0.6, 0.4});
+        b.data.pattern = a.data.pattern;
+        ASSERT_TRUE(b.bsdf.Init(DataDictionary(), &b.data).IsOk());
+        const Int n = 9;
+        const PixelFormatObject* f = FindPixelFormat(format);
+        ASSERT_NE(f, nullptr);
+        Result<ImageObject*> created =
+            ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, n, n, f);
+        ASSERT_TRUE(created.IsOk()) << ErrorToString(created.GetErrorPointer());
+        Ref<ImageObject> image = Ref<ImageObject>::Adopt(created.GetValue());
+        ASSERT_TRUE(a.bsdf.GeneratePreviewImage(image.Get(), 2.5).IsOk());
+        Ref<PixelReadHandler> read =
+            Ref<PixelReadHandler>::Adopt(ImageInterface::GetPixelHandler(image.Get(), f, nullptr).GetValue());
+        const int channels = std::string(format) == "rgb.f32" ? 3 : 1;
+        std::vector<Float32> row(static_cast<size_t>(n * channels));
+        int lit = 0;
+        for (Int y = 0; y < n; ++y) {
+            read->read(read.Get(), 0, y, n, row.data());
+            for (Int x = 0; x < n; ++x) {
+                const Vector64 at{static_cast<Float64>(x) / 9.0 * 0.1, static_cast<Float64>(y) / 9.0 * 0.1, 0.0};
+                const Float32 want = static_cast<Float32>(
+                    b.bsdf.ComputeF_UVW({0.5773502691896258, 0.5773502691896258, 0.5773502691896258},
+                                        {0, 0, 1}, at, {0.0002, 0.0002, 0.0}).r * 2.5);
+                for (int c = 0; c < channels; ++c) EXPECT_EQ(row[static_cast<size_t>(x * channels + c)], want) << format << " " << x << "," << y;
+                lit += want > 0.0f;
+            }
+        }
+        EXPECT_GT(lit, n * n / 4) << "most of the swatch lies on yarns";
+    }
+    Cloth c;
+    InitCloth(c, 2, 1, {0.8, 0.6, 0.4});
+    Result<ImageObject*> wide = ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, 8,
+                                                       5, FindPixelFormat("grey.f32"));
+    ASSERT_TRUE(wide.IsOk());
+    Ref<ImageObject> image = Ref<ImageObject>::Adopt(wide.GetValue());
+    Result<void> r = c.bsdf.GeneratePreviewImage(image.Get(), 1.0);
+    ASSERT_TRUE(r.IsError());
+    EXPECT_STREQ(r.GetErrorPointer()->message,
+                 "IrawanBSDF::GeneratePreviewImage: row 5 is outside the image of 5 rows");
+    EXPECT_STREQ(c.bsdf.GeneratePreviewImage(nullptr, 1.0).GetErrorPointer()->message,
+                 "IrawanBSDF::GeneratePreviewImage: image is nullptr");
 }
 
 // The staple term has the factor r (r cos vh + R), and vh may lie up to blur * pi / 2 beyond

@@ -13,6 +13,7 @@
 #include "jsonio.h"
 #include "quorv/host/host.h"
 #include "quorv/host/image_writer.h"
+#include "quorv/image.h"
 #include "quorv/parallel.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
 #include "render/legacy_renderers/bsdfdata.h"
@@ -276,6 +277,37 @@ Result<BSDFLegacyRef> MakeCloth(const IrawanInitData& data) {
     return bsdf;
 }
 
+// The class's own preview: GeneratePreviewImage into a host image of n x n Float32 grey
+// pixels, read back for the picture writer. One object draws it all, row by row.
+bool DrawPreview(const IrawanInitData& data, Int n, Float64 gain, Float32* pixels) {
+    Result<BSDFLegacyRef> cloth = MakeCloth(data);
+    if (cloth.IsError()) {
+        PrintError(cloth.GetErrorPointer());
+        return false;
+    }
+    const PixelFormatObject* grey = FindPixelFormat("grey.f32");
+    Result<ImageObject*> created =
+        grey ? ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, n, n, grey)
+             : Result<ImageObject*>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                                              "The host has no grey.f32 pixel format"));
+    if (created.IsError()) {
+        PrintError(created.GetErrorPointer());
+        return false;
+    }
+    Ref<ImageObject> image = Ref<ImageObject>::Adopt(created.GetValue());
+    Result<void> drawn = cloth.GetValue().GeneratePreviewImage(image.Get(), gain);
+    Result<PixelReadHandler*> reader =
+        drawn.IsOk() ? ImageInterface::GetPixelHandler(image.Get(), grey, nullptr)
+                     : Result<PixelReadHandler*>(drawn.GetError());
+    if (reader.IsError()) {
+        PrintError(reader.GetErrorPointer());
+        return false;
+    }
+    Ref<PixelReadHandler> read = Ref<PixelReadHandler>::Adopt(reader.GetValue());
+    for (Int y = 0; y < n; ++y) read->read(read.Get(), 0, y, n, pixels + y * n);
+    return true;
+}
+
 int RunSwatch(const GlobalOptions& options, const ClothOptions& o) {
     if (!CheckPreset(o.preset)) return 1;
     if (o.size < 8 || o.size > 4096) {
@@ -299,13 +331,11 @@ int RunSwatch(const GlobalOptions& options, const ClothOptions& o) {
     const Int n = o.size;
     const Int channels = o.preview ? 1 : 3;
     std::vector<Float32> pixels(static_cast<size_t>(n * n * channels), 0.0f);
-    // The preview draws what the class's GeneratePreviewImage draws: n = width, wo on the
-    // diagonal, wi the normal, footprint 0.0002, pixel (x, y) at (x / n * 0.1, y / n * 0.1),
-    // red times the gain. The host has no image services yet, so it is drawn here through
-    // ComputeF_UVW.
-    const Vector64 previewWo{0.5773502691896258, 0.5773502691896258, 0.5773502691896258};
+    if (o.preview) {
+        if (!DrawPreview(data, n, o.gain, pixels.data())) return 1;
+    }
     const Int bands = (n + BAND_ROWS - 1) / BAND_ROWS;
-    Result<void> done = ParallelFor(0, bands, 1, [&](Int from, Int to, Int) -> Result<void> {
+    Result<void> done = ParallelFor(0, o.preview ? 0 : bands, 1, [&](Int from, Int to, Int) -> Result<void> {
         for (Int band = from; band < to; ++band) {
             Result<BSDFLegacyRef> cloth = MakeCloth(data);
             if (cloth.IsError()) return cloth.GetError();
@@ -313,14 +343,6 @@ int RunSwatch(const GlobalOptions& options, const ClothOptions& o) {
             for (Int y = band * BAND_ROWS; y < std::min(n, (band + 1) * BAND_ROWS); ++y) {
                 for (Int x = 0; x < n; ++x) {
                     const size_t at = static_cast<size_t>((y * n + x) * channels);
-                    if (o.preview) {
-                        const Color64 c = b.ComputeF_UVW(previewWo, {0, 0, 1},
-                                                         {static_cast<Float64>(x) / n * 0.1,
-                                                          static_cast<Float64>(y) / n * 0.1, 0},
-                                                         {0.0002, 0.0002, 0});
-                        pixels[at] = static_cast<Float32>(c.r * o.gain);
-                        continue;
-                    }
                     // v grows upward in the picture.
                     const Vector64 uvw{(x + 0.5) / n * o.extent, (n - y - 0.5) / n * o.extent, 0};
                     const Color64 c = b.ComputeF_UVW(wo, wi, uvw, {o.footprint, o.footprint, 0.0});
