@@ -39,7 +39,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/host/include/quorv
 set(QUORV_RENDER_INTERFACE_HEADERS
     cameras/camera.h cameras/renderray.h cameras/shadingpoint.h
     legacy_renderers/bsdf_legacy.h legacy_renderers/microfacetdistributioncaches.h
-    photometric/ies.h)
+    legacy_renderers/bsdfdata.h legacy_renderers/clothweavepattern.h
+    photometric/ies.h textures/texture.h)
 foreach(header IN LISTS QUORV_RENDER_INTERFACE_HEADERS)
     get_filename_component(folder ${header} DIRECTORY)
     install(FILES ${PROJECT_SOURCE_DIR}/render/${header}
