@@ -46,6 +46,12 @@ set(ENV{PKG_CONFIG_PATH} "${PREFIX}/lib/pkgconfig")
 run(pkg-config --cflags --libs quorv)
 string(STRIP "${OUT}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
+# Every installed render interface header compiles on its own with those flags.
+file(GLOB_RECURSE headers RELATIVE "${PREFIX}/include/quorv/interfaces" "${PREFIX}/include/quorv/interfaces/*.h")
+foreach(h IN LISTS headers)
+    file(WRITE "${WORK_DIR}/header.cpp" "#include \"${h}\"\n")
+    run(${CXX} -fsyntax-only ${flags} "${WORK_DIR}/header.cpp")
+endforeach()
 run(pkg-config --variable=rendermodule quorv)
 string(STRIP "${OUT}" module)
 run(${CXX} ${SOURCE_DIR}/examples/embed/main.cpp -o "${WORK_DIR}/embed-pc" ${flags}
