@@ -285,6 +285,85 @@ struct Ies {
     }
 };
 
+struct Texture {
+    TextureRef ref;
+    std::string path;
+
+    static Texture Load(const std::string& path, UInt32 flags, Float64 time);
+
+    py::dict Info() const {
+        return FromJson(cli::TextureInfoJson(*ref.Get())).cast<py::dict>();
+    }
+
+    py::array_t<double> Sample(const py::handle& uvIn, const py::handle& footprintIn, const std::string& mode,
+                               const std::optional<std::string>& modeU, const std::optional<std::string>& modeV,
+                               const std::string& interpolation, const std::string& colorSpace,
+                               const std::string& alpha, bool tile) const {
+        const Rows uv = AsRows(uvIn, "uv", 2, false);
+        host::TextureSampleSettings settings;
+        settings.modeU = static_cast<TEXTUREMODE>(Pick("mode", modeU ? *modeU : mode, MODES));
+        settings.modeV = static_cast<TEXTUREMODE>(Pick("mode", modeV ? *modeV : mode, MODES));
+        settings.interpolation =
+            static_cast<TEXTUREINTERPOLATION>(Pick("interpolation", interpolation, INTERPOLATIONS));
+        settings.colorSpace = static_cast<DESTINATIONCOLORSPACE>(Pick("color_space", colorSpace, COLORSPACES));
+        settings.alpha = static_cast<ALPHAPROCESSING>(Pick("alpha", alpha, ALPHAS));
+        settings.tile = tile;
+        std::vector<Vector2d64> positions(static_cast<size_t>(uv.count)), footprints;
+        for (size_t i = 0; i < positions.size(); ++i) positions[i] = {uv.data.data()[2 * i], uv.data.data()[2 * i + 1]};
+        if (!footprintIn.is_none()) {
+            const Rows f = AsRows(footprintIn, "footprint", 2, true);
+            if (!f.single && f.count != uv.count) {
+                throw py::value_error("uv and footprint must have the same length, not " + ShapeText(uv.data) +
+                                      " and " + ShapeText(f.data));
+            }
+            footprints.resize(positions.size());
+            for (size_t i = 0; i < footprints.size(); ++i) {
+                const size_t k = f.single ? 0 : i;
+                footprints[i] = {f.data.data()[2 * k], f.data.data()[2 * k + 1]};
+            }
+        }
+        Result<ThreadedTextureRef> sampler = ThreadedTextureRef::Create(ref);
+        if (sampler.IsError()) Throw(sampler.GetErrorPointer());
+        std::vector<ColorA64> colors(positions.size());
+        {
+            py::gil_scoped_release release;
+            host::TextureSampleBatch(sampler.GetValue(), positions.data(),
+                                     footprints.empty() ? nullptr : footprints.data(), settings,
+                                     colors.data(), uv.count);
+        }
+        py::array_t<double> out({static_cast<py::ssize_t>(colors.size()), py::ssize_t{4}});
+        double* o = out.mutable_data();
+        for (size_t i = 0; i < colors.size(); ++i) {
+            o[4 * i] = colors[i].r, o[4 * i + 1] = colors[i].g, o[4 * i + 2] = colors[i].b, o[4 * i + 3] = colors[i].a;
+        }
+        return out;
+    }
+
+    struct Name {
+        const char* name;
+        Int32 value;
+    };
+    static constexpr Name MODES[] = {{"EXTEND", 0}, {"CLAMP", 1}, {"REPEAT", 2}, {"MIRROR", 3}, {nullptr, 0}};
+    static constexpr Name INTERPOLATIONS[] = {{"NONE", 0}, {"LINEAR", 2}, {"MIP", 3}, {"RIP", 4},
+                                              {"SUMMEDAREA", 5}, {"BICUBIC", 6}, {nullptr, 0}};
+    static constexpr Name COLORSPACES[] = {{"RAW", 0}, {"LINEAR", 1}, {"SRGB", 2}, {nullptr, 0}};
+    static constexpr Name ALPHAS[] = {{"NONE", 0},
+                                      {"NOALPHA", 1},
+                                      {"PROFILE_PREMULTIPLIED_TO_LINEAR_STRAIGHT", 2},
+                                      {"LINEAR_PREMULTIPLIED_TO_LINEAR_STRAIGHT", 3},
+                                      {"STRAIGHT_FROM_RGB", 4},
+                                      {nullptr, 0}};
+
+    static Int32 Pick(const char* what, const std::string& name, const Name* names) {
+        std::string known;
+        for (const Name* n = names; n->name; ++n) {
+            if (name == n->name) return n->value;
+            known += (known.empty() ? "" : ", ") + std::string(n->name);
+        }
+        throw py::value_error(std::string(what) + " must be one of " + known + ", not '" + name + "'");
+    }
+};
+
 // ---- host --------------------------------------------------------------------------------------
 
 struct Host {
@@ -339,6 +418,18 @@ Ies Ies::Read(const std::string& path) {
     return Ies{web.GetValue(), path};
 }
 
+Texture Texture::Load(const std::string& path, UInt32 flags, Float64 time) {
+    Host host(std::nullopt);
+    Url url = Check(Url::FromText(path));
+    Result<TextureImpl*> t =
+        TextureManagementInterface::LoadTexture(url.GetObject(), nullptr, 0, flags, nullptr, time, nullptr);
+    if (t.IsError()) {
+        const ErrorObject* e = t.GetErrorPointer();
+        Throw(path + ": " + (e->message ? std::string(e->message) : ErrorToString(e)));
+    }
+    return Texture{TextureRef::Adopt(t.GetValue()), path};
+}
+
 }  // namespace
 
 }  // namespace quorv::python
@@ -374,6 +465,20 @@ PYBIND11_MODULE(quorv, m) {
         .def("sample", &BSDF::Sample, py::arg("wo"), py::arg("samples"),
              "SampleF for each index of samples (N,) into the table of sample records of seed "
              "100. Returns (values (N, 3), pdfs (N,), wi (N, 3)); a rejected sample has wi 0.");
+
+    py::class_<Texture>(m, "Texture", "A picture loaded as a texture through the module's texture cache.")
+        .def_static("load", &Texture::Load, py::arg("path"), py::arg("flags") = 0, py::arg("time") = 0.0,
+                    "LoadTexture of a picture file (PNG, JPEG, TIFF, EXR, HDR, ...); flags bit 0 "
+                    "converts to floating point; time picks the frame of a sequence.")
+        .def_readonly("path", &Texture::path)
+        .def_property_readonly("info", &Texture::Info, "What `quorv texture info` prints")
+        .def("sample", &Texture::Sample, py::arg("uv"), py::arg("footprint") = py::none(),
+             py::arg("mode") = "CLAMP", py::arg("mode_u") = py::none(), py::arg("mode_v") = py::none(),
+             py::arg("interpolation") = "LINEAR", py::arg("color_space") = "RAW", py::arg("alpha") = "NONE",
+             py::arg("tile") = true,
+             "Sample for each row of an (N, 2) array of uv positions; footprint (2,) or (N, 2). "
+             "Modes EXTEND, CLAMP, REPEAT, MIRROR; interpolation NONE, LINEAR, MIP, RIP, "
+             "SUMMEDAREA, BICUBIC; color_space RAW, LINEAR, SRGB. Returns RGBA (N, 4).");
 
     py::class_<Ies>(m, "Ies", "A photometric web (IES LM-63 file) read through the module.")
         .def_static("read", &Ies::Read, py::arg("path"))

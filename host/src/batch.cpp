@@ -35,6 +35,16 @@ void BSDFSampleBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride
     }
 }
 
+void TextureSampleBatch(const ThreadedTextureRef& sampler, const Vector2d64* uv,
+                        const Vector2d64* footprints, const TextureSampleSettings& settings,
+                        ColorA64* colors, Int count) {
+    for (Int i = 0; i < count; ++i) {
+        colors[i] = sampler.Sample(uv[i], footprints ? footprints[i] : Vector2d64{0.0, 0.0},
+                                   settings.modeU, settings.modeV, settings.interpolation,
+                                   settings.colorSpace, settings.alpha, settings.tile);
+    }
+}
+
 const std::vector<BSDFCachedSample>& BSDFSampleTable() {
     static const std::vector<BSDFCachedSample> table = [] {
         std::vector<BSDFCachedSample> t(static_cast<size_t>(BSDF_SAMPLE_TABLE_SIZE));

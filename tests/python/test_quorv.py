@@ -156,3 +156,25 @@ def test_a_batch_releases_the_interpreter_lock(host):
         running = False
         thread.join()
     assert during > 100, "the other thread ran Python while the preview rendered"
+
+
+def test_texture_samples_are_the_bits_of_the_command_line(host):
+    picture = os.path.join(SOURCE, "tests", "data", "textures", "rgb8_7x5.png")
+    texture = quorv.Texture.load(picture)
+    assert texture.info["width"] == 7 and texture.info["height"] == 5
+    uv = np.random.default_rng(3).uniform(-0.2, 1.2, size=(30, 2))
+    for settings in ({}, {"interpolation": "BICUBIC", "mode": "REPEAT"},
+                     {"interpolation": "MIP", "mode_u": "MIRROR", "mode_v": "EXTEND", "color_space": "LINEAR"}):
+        footprint = [0.05, 0.02]
+        got = texture.sample(uv, footprint=footprint, **settings)
+        assert got.shape == (30, 4)
+        line = {"footprint": footprint}
+        names = {"mode": "mode", "mode_u": "modeU", "mode_v": "modeV", "interpolation": "interpolation",
+                 "color_space": "colorSpace"}
+        line.update({names[k]: v for k, v in settings.items()})
+        answers = cli_lines(["texture", "sample", picture], [dict(line, uv=p.tolist()) for p in uv])
+        assert [a["rgba"] for a in answers] == got.tolist(), settings
+    with pytest.raises(ValueError, match="interpolation must be one of NONE, LINEAR"):
+        texture.sample(uv, interpolation="TRILINEAR")
+    with pytest.raises(quorv.Error, match="missing.png"):
+        quorv.Texture.load(os.path.join(SOURCE, "missing.png"))

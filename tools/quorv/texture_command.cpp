@@ -8,6 +8,8 @@
 
 #include "commands.h"
 #include "jsonio.h"
+#include "values.h"
+#include "quorv/host/batch.h"
 #include "quorv/host/image_writer.h"
 #include "quorv/parallel.h"
 #include "render/textures/texture.h"
@@ -126,11 +128,6 @@ TextureRef Load(const GlobalOptions& options, const TextureOptions& o) {
     return TextureRef::Adopt(t.GetValue());
 }
 
-std::string FormatName(const PixelFormatObject* f) {
-    std::string id(PixelFormatInterface::GetId(f).View());
-    const std::string prefix = imageids::PIXELFORMAT_PREFIX;
-    return id.rfind(prefix, 0) == 0 ? id.substr(prefix.size()) : id;
-}
 
 }  // namespace
 
@@ -152,41 +149,13 @@ Json SampleTextureLine(const ThreadedTextureRef& sampler, const Json& line) {
         if (!it->is_boolean()) throw LineError("\"tile\" must be true or false");
         tile = it->get<bool>();
     }
-    const ColorA64 c =
-        sampler.Sample(uv, footprint, modeU, modeV, interpolation, colorSpace, alpha, tile);
+    const host::TextureSampleSettings settings{modeU, modeV, interpolation, colorSpace, alpha, tile};
+    ColorA64 c;
+    host::TextureSampleBatch(sampler, &uv, &footprint, settings, &c, 1);
     return Json{{"rgba", Json::array({NumberToJson(c.r), NumberToJson(c.g), NumberToJson(c.b),
                                       NumberToJson(c.a)})}};
 }
 
-/// The facts `quorv texture info` shows, as JSON.
-Json TextureInfoJson(const TextureImpl& t) {
-    const ImageObject* image = ImageTextureInterface::GetFirstImage(t.image.Get());
-    const ColorProfileObject* profile = ImageTextureInterface::GetColorProfile(t.image.Get());
-    char description[256] = {0};
-    ColorProfileInterface::GetDescription(profile, description, sizeof(description));
-    return Json{
-        {"width", t.width},
-        {"height", t.height},
-        {"pixelFormat", FormatName(ImageInterface::GetPixelFormat(image))},
-        {"readFormat", FormatName(t.readFormat)},
-        {"storageFormat", FormatName(t.storageFormat)},
-        {"convertFormat", FormatName(t.convertFormat)},
-        {"alpha", t.hasAlpha},
-        {"16bit", t.is16Bit},
-        {"float", t.isFloat},
-        {"grey", t.isGrey},
-        {"sRGB", t.isSRGB},
-        {"converted", t.wasConverted},
-        {"colorConversion", static_cast<bool>(t.colorConversion)},
-        {"profile",
-         profile ? std::string(ColorProfileInterface::GetId(profile).View()) : std::string("none")},
-        {"profileDescription", description},
-        {"fps", NumberToJson(t.frameRate)},
-        {"duration", NumberToJson(t.duration)},
-        {"frames", ImageTextureInterface::GetFrameCount(t.image.Get())},
-        {"frame", ImageTextureInterface::GetFrameIndex(t.image.Get())},
-    };
-}
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "quorv/host/host.h"
+#include "quorv/image.h"
 
 namespace quorv::cli {
 
@@ -61,6 +62,13 @@ const char* ShapeName(AREALIGHTSHAPE s) {
                                         "CUBE", "HEMISPHERE", "OBJECT",    "LINE",   "PCYLINDER"};
     auto i = static_cast<Int32>(s);
     return i >= 0 && i < 10 ? NAMES[i] : "?";
+}
+
+// A pixel format's id without the common prefix: "rgba.u8".
+std::string FormatName(const PixelFormatObject* f) {
+    std::string id(PixelFormatInterface::GetId(f).View());
+    const std::string prefix = imageids::PIXELFORMAT_PREFIX;
+    return id.rfind(prefix, 0) == 0 ? id.substr(prefix.size()) : id;
 }
 
 }  // namespace
@@ -188,6 +196,35 @@ std::string ToBit8(const std::string& utf8) {
         }
     }
     return out;
+}
+
+Json TextureInfoJson(const TextureImpl& t) {
+    const ImageObject* image = ImageTextureInterface::GetFirstImage(t.image.Get());
+    const ColorProfileObject* profile = ImageTextureInterface::GetColorProfile(t.image.Get());
+    char description[256] = {0};
+    ColorProfileInterface::GetDescription(profile, description, sizeof(description));
+    return Json{
+        {"width", t.width},
+        {"height", t.height},
+        {"pixelFormat", FormatName(ImageInterface::GetPixelFormat(image))},
+        {"readFormat", FormatName(t.readFormat)},
+        {"storageFormat", FormatName(t.storageFormat)},
+        {"convertFormat", FormatName(t.convertFormat)},
+        {"alpha", t.hasAlpha},
+        {"16bit", t.is16Bit},
+        {"float", t.isFloat},
+        {"grey", t.isGrey},
+        {"sRGB", t.isSRGB},
+        {"converted", t.wasConverted},
+        {"colorConversion", static_cast<bool>(t.colorConversion)},
+        {"profile",
+         profile ? std::string(ColorProfileInterface::GetId(profile).View()) : std::string("none")},
+        {"profileDescription", description},
+        {"fps", NumberToJson(t.frameRate)},
+        {"duration", NumberToJson(t.duration)},
+        {"frames", ImageTextureInterface::GetFrameCount(t.image.Get())},
+        {"frame", ImageTextureInterface::GetFrameIndex(t.image.Get())},
+    };
 }
 
 }  // namespace quorv::cli

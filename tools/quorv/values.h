@@ -10,6 +10,7 @@
 #include "render/legacy_renderers/bsdf_legacy.h"
 #include "render/legacy_renderers/microfacetdistributioncaches.h"
 #include "render/photometric/ies.h"
+#include "render/textures/texture.h"
 
 namespace quorv::cli {
 
@@ -29,6 +30,10 @@ Result<DataDictionary> BuildBSDFParameters(const std::vector<std::pair<std::stri
 /// What `quorv ies info` shows of a web, in its order: version, tilt, the keyword texts the file
 /// has, shape, size, nV, nH, maxIntensity, lightPowerRatio, checksum.
 std::vector<std::pair<std::string, Json>> DescribeIes(const IesRef& ies);
+
+/// What `quorv texture info` shows of a texture: size, formats, flags, profile, fps, duration,
+/// frames.
+Json TextureInfoJson(const TextureImpl& t);
 
 /// UTF-8 text as a photometric file holds it: one byte per character.
 std::string ToBit8(const std::string& utf8);

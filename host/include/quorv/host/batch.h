@@ -5,8 +5,8 @@
 /// runs on the caller's thread, allocates nothing and takes no lock, so a caller may release
 /// its own interpreter lock around it. Arrays are plain and contiguous, `count` entries each.
 ///
-/// Link `quorv_batch`: it also holds this binary's table of the IES interface, bound when the
-/// render module loads.
+/// Link `quorv_batch`: it also holds this binary's tables of the IES and texture interfaces,
+/// bound when the render module loads.
 
 #include <vector>
 
@@ -15,6 +15,7 @@
 #include "render/cameras/camera.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
 #include "render/photometric/ies.h"
+#include "render/textures/texture.h"
 
 namespace quorv::host {
 
@@ -40,6 +41,24 @@ QUORV_HOST_API void BSDFEvaluateBatch(const BSDFLegacyRef& bsdf, const Vector64*
 QUORV_HOST_API void BSDFSampleBatch(const BSDFLegacyRef& bsdf, const Vector64* wo, Int woStride,
                      const BSDFCachedSample* samples, Vector64* wi, Color64* values,
                      Float64* pdfs, Int count);
+
+/// How a batch of texture samples filters: the arguments of `ThreadedTexture::Sample` that stay
+/// the same for every position.
+struct TextureSampleSettings {
+    TEXTUREMODE modeU = TEXTUREMODE::CLAMP;
+    TEXTUREMODE modeV = TEXTUREMODE::CLAMP;
+    TEXTUREINTERPOLATION interpolation = TEXTUREINTERPOLATION::LINEAR;
+    DESTINATIONCOLORSPACE colorSpace = DESTINATIONCOLORSPACE::RAW;
+    ALPHAPROCESSING alpha = ALPHAPROCESSING::NONE;
+    Bool tile = true;
+};
+
+/// `Sample` of each position through one sampler (one thread's: a sampler is not shared).
+/// `footprints` null means a zero footprint for all.
+QUORV_HOST_API void TextureSampleBatch(const ThreadedTextureRef& sampler, const Vector2d64* uv,
+                                       const Vector2d64* footprints,
+                                       const TextureSampleSettings& settings, ColorA64* colors,
+                                       Int count);
 
 /// Entries of the table of sample records that callers name by index.
 constexpr Int BSDF_SAMPLE_TABLE_SIZE = 65536;
