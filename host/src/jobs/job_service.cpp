@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -67,11 +68,15 @@ namespace {
 thread_local JobObject* t_currentJob = nullptr;
 std::atomic<Int> g_exclusiveWaiters{0};
 
+void DrainDefaultQueueAtExit();
+
 JobQueueObject& DefaultQueue() {
     // Lives to the end of the process: jobs may still end while statics are destroyed.
     static JobQueueObject* queue = [] {
         int threads = std::max(1, static_cast<int>(tbb::this_task_arena::max_concurrency()));
-        return new JobQueueObject(threads);
+        auto* q = new JobQueueObject(threads);
+        std::atexit(&DrainDefaultQueueAtExit);
+        return q;
     }();
     return *queue;
 }
@@ -186,6 +191,23 @@ bool RunOnePending(JobQueueObject& queue) {
         if (ran) return true;
     }
     return false;
+}
+
+// At exit, the pending entries of jobs that waiters ran inline may still wait for their arena
+// task. Their references are dropped here, so the process ends with no job object left behind;
+// an entry of a job not yet run is left to its arena task.
+void DrainDefaultQueueAtExit() {
+    JobQueueObject& q = DefaultQueue();
+    std::vector<JobObject*> unfinished;
+    JobObject* job = nullptr;
+    while (q.pending.try_pop(job)) {
+        if (job->state.load(std::memory_order_acquire) == JOBSTATE::FINISHED) {
+            RemoveJobReference(job);
+        } else {
+            unfinished.push_back(job);
+        }
+    }
+    for (JobObject* j : unfinished) q.pending.push(j);
 }
 
 Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
