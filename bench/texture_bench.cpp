@@ -42,10 +42,10 @@ std::string Picture(int height) {
             p[3] = static_cast<unsigned char>(128 + ((x ^ y) & 127));
         }
     auto out = OIIO::ImageOutput::create(path);
-    OIIO::ImageSpec spec(SIZE, height, 4, OIIO::TypeDesc::UINT8);
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    spec.attribute("compression", "none");
-    if (!out || !out->open(path, spec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
+    OIIO::ImageSpec layout(SIZE, height, 4, OIIO::TypeDesc::UINT8);
+    layout.attribute("oiio:UnassociatedAlpha", 1);
+    layout.attribute("compression", "none");
+    if (!out || !out->open(path, layout) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
         !out->close()) {
         Fail("cannot write " + path);
     }

@@ -159,9 +159,9 @@ std::string WriteTemporary(const std::string& name, int w, int h, int channels,
     const std::string path =
         (std::filesystem::temp_directory_path() / ("quorv_texture_test_" + name)).string();
     auto out = OIIO::ImageOutput::create(path);
-    OIIO::ImageSpec spec(w, h, channels, OIIO::TypeDesc::UINT8);
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    EXPECT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, v.data()) &&
+    OIIO::ImageSpec layout(w, h, channels, OIIO::TypeDesc::UINT8);
+    layout.attribute("oiio:UnassociatedAlpha", 1);
+    EXPECT_TRUE(out && out->open(path, layout) && out->write_image(OIIO::TypeDesc::UINT8, v.data()) &&
                 out->close());
     return path;
 }
@@ -587,10 +587,10 @@ TEST(TextureColour, AGreyPictureWithAConversionCopiesRedIntoGreenAndBlue) {
     const std::string path =
         (std::filesystem::temp_directory_path() / "quorv_texture_test_grey_icc.tif").string();
     auto out = OIIO::ImageOutput::create(path);
-    OIIO::ImageSpec spec(2, 1, 1, OIIO::TypeDesc::UINT8);
-    spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
+    OIIO::ImageSpec layout(2, 1, 1, OIIO::TypeDesc::UINT8);
+    layout.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
     const unsigned char px[2] = {128, 30};
-    ASSERT_TRUE(out && out->open(path, spec) && out->write_image(OIIO::TypeDesc::UINT8, px) &&
+    ASSERT_TRUE(out && out->open(path, layout) && out->write_image(OIIO::TypeDesc::UINT8, px) &&
                 out->close());
     TextureRef t = Load(path);
     ASSERT_TRUE(t);

@@ -26,8 +26,8 @@ Error IoError(const std::string& path, const std::string& why) {
                            FormatMessage("Cannot read picture @: @", {path, why}), path);
 }
 
-Float64 FramesPerSecond(const OIIO::ImageSpec& spec) {
-    const OIIO::ParamValue* p = spec.find_attribute("FramesPerSecond");
+Float64 FramesPerSecond(const OIIO::ImageSpec& header) {
+    const OIIO::ParamValue* p = header.find_attribute("FramesPerSecond");
     if (!p) return 0.0;
     if (p->type() == OIIO::TypeRational) {
         const int* v = static_cast<const int*>(p->data());
@@ -77,18 +77,18 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
             frame = std::clamp<Int>(frame, 0, frames - 1);
         }
         if (!in->seek_subimage(static_cast<int>(frame), 0)) return IoError(text, in->geterror());
-        const OIIO::ImageSpec spec = in->spec();
-        if (spec.width < 1 || spec.height < 1 || spec.nchannels < 1 || spec.depth > 1) {
+        const OIIO::ImageSpec header = in->spec();
+        if (header.width < 1 || header.height < 1 || header.nchannels < 1 || header.depth > 1) {
             return IoError(text, "no two-dimensional pixels");
         }
-        const int channels = std::min(spec.nchannels, 4);
+        const int channels = std::min(header.nchannels, 4);
         PIXELLAYOUT layout = channels == 1   ? PIXELLAYOUT::GREY
                              : channels == 2 ? PIXELLAYOUT::GREYA
                              : channels == 3 ? PIXELLAYOUT::RGB
                                              : PIXELLAYOUT::RGBA;
         CHANNELTYPE type;
         OIIO::TypeDesc readType;
-        switch (spec.format.basetype) {
+        switch (header.format.basetype) {
             case OIIO::TypeDesc::UINT8:
                 type = CHANNELTYPE::U8;
                 readType = OIIO::TypeDesc::UINT8;
@@ -107,7 +107,7 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
                 break;
         }
         const PixelFormatObject* format = GetPixelFormat(layout, type);
-        ImageObject* image = NewImage(spec.width, spec.height, format);
+        ImageObject* image = NewImage(header.width, header.height, format);
         if (!image) return OutOfMemoryError();
         Ref<ImageObject> imageRef = Ref<ImageObject>::Adopt(image);
         if (!in->read_image(static_cast<int>(frame), 0, 0, channels, readType,
@@ -127,7 +127,7 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
         texture->url = text;
 
         const bool grey = format->grey;
-        if (const OIIO::ParamValue* icc = spec.find_attribute("ICCProfile")) {
+        if (const OIIO::ParamValue* icc = header.find_attribute("ICCProfile")) {
             Result<ColorProfileObject*> p = ColorProfileInterface::FromIcc(
                 icc->data(),
                 static_cast<Int>(icc->type().size() * static_cast<size_t>(icc->nvalues())));
@@ -135,7 +135,7 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
             if (p.IsOk()) texture->profile = Ref<ColorProfileObject>::Adopt(p.GetValue());
         }
         if (!texture->profile) {
-            std::string space = spec.get_string_attribute("oiio:ColorSpace");
+            std::string space = header.get_string_attribute("oiio:ColorSpace");
             std::transform(space.begin(), space.end(), space.begin(),
                            [](unsigned char c) { return std::tolower(c); });
             const char* id = nullptr;

@@ -19,15 +19,15 @@ bool Write(const std::string& path, int w, int h, int channels, OIIO::TypeDesc t
            const std::vector<unsigned char>* icc = nullptr) {
     auto out = OIIO::ImageOutput::create(path);
     if (!out) return false;
-    OIIO::ImageSpec spec(w, h, channels, type);
-    if (channels == 2 || channels == 4) spec.alpha_channel = channels - 1;
+    OIIO::ImageSpec layout(w, h, channels, type);
+    if (channels == 2 || channels == 4) layout.alpha_channel = channels - 1;
     // The values are written as they are, not as colour premultiplied by alpha.
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    for (const auto& [k, v] : text) spec.attribute(k, v);
+    layout.attribute("oiio:UnassociatedAlpha", 1);
+    for (const auto& [k, v] : text) layout.attribute(k, v);
     if (icc)
-        spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc->size()),
+        layout.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc->size()),
                        icc->data());
-    bool ok = out->open(path, spec) && out->write_image(type, data) && out->close();
+    bool ok = out->open(path, layout) && out->write_image(type, data) && out->close();
     if (!ok) std::fprintf(stderr, "%s: %s\n", path.c_str(), out->geterror().c_str());
     return ok;
 }
