@@ -410,8 +410,16 @@ struct Host {
     }
 };
 
+// The module loaded by an earlier Host, or else the one at the default path.
+void EnsureModule() {
+    for (const auto& m : host::Host::Start(host::HostOptions{}).GetModules()) {
+        if (!m->path.empty()) return;
+    }
+    Host host(std::nullopt);
+}
+
 Ies Ies::Read(const std::string& path) {
-    Host host(std::nullopt);  // the module of the default path, unless one is loaded already
+    EnsureModule();
     Url url = Check(Url::FromText(path));
     Result<IesRef> web = IesRef::Load(url);
     if (web.IsError()) Throw(path + ": " + std::string(web.GetErrorPointer()->message ? web.GetErrorPointer()->message : ErrorToString(web.GetErrorPointer())));
@@ -419,7 +427,7 @@ Ies Ies::Read(const std::string& path) {
 }
 
 Texture Texture::Load(const std::string& path, UInt32 flags, Float64 time) {
-    Host host(std::nullopt);
+    EnsureModule();
     Url url = Check(Url::FromText(path));
     Result<TextureImpl*> t =
         TextureManagementInterface::LoadTexture(url.GetObject(), nullptr, 0, flags, nullptr, time, nullptr);
@@ -481,7 +489,9 @@ PYBIND11_MODULE(quorv, m) {
              "SUMMEDAREA, BICUBIC; color_space RAW, LINEAR, SRGB. Returns RGBA (N, 4).");
 
     py::class_<Ies>(m, "Ies", "A photometric web (IES LM-63 file) read through the module.")
-        .def_static("read", &Ies::Read, py::arg("path"))
+        .def_static("read", &Ies::Read, py::arg("path"),
+                    "Reads a web through the loaded module (the module of the default path when no Host "
+                    "loaded one yet).")
         .def_readonly("path", &Ies::path)
         .def_property_readonly("properties", &Ies::Properties,
                                "Version, tilt, texts, shape, size, counts, maximum, power ratio, "
