@@ -26,6 +26,9 @@ Error IoError(const std::string& path, const std::string& why) {
                            FormatMessage("Cannot read picture @: @", {path, why}), path);
 }
 
+// The header (size, channels, metadata) of the current frame: the image library's only accessor.
+const OIIO::ImageSpec& HeaderOf(const OIIO::ImageInput& in) { return in.spec(); }
+
 Float64 FramesPerSecond(const OIIO::ImageSpec& header) {
     const OIIO::ParamValue* p = header.find_attribute("FramesPerSecond");
     if (!p) return 0.0;
@@ -59,14 +62,14 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
                 ? &layerSet->layers.front()
                 : nullptr;
         while (in->seek_subimage(static_cast<int>(frames), 0)) {
-            if (wanted && in->spec().get_string_attribute("oiio:subimagename") == *wanted)
+            if (wanted && HeaderOf(*in).get_string_attribute("oiio:subimagename") == *wanted)
                 named = frames;
             ++frames;
             if (frames > 100000) break;
         }
         if (frames == 0) return IoError(text, in->geterror());
         in->seek_subimage(0, 0);
-        const Float64 fps = FramesPerSecond(in->spec());
+        const Float64 fps = FramesPerSecond(HeaderOf(*in));
         const Float64 rate = fps > 0.0 ? fps : 30.0;
         Int frame = 0;
         if (named >= 0) {
@@ -77,7 +80,7 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
             frame = std::clamp<Int>(frame, 0, frames - 1);
         }
         if (!in->seek_subimage(static_cast<int>(frame), 0)) return IoError(text, in->geterror());
-        const OIIO::ImageSpec header = in->spec();
+        const OIIO::ImageSpec header = HeaderOf(*in);
         if (header.width < 1 || header.height < 1 || header.nchannels < 1 || header.depth > 1) {
             return IoError(text, "no two-dimensional pixels");
         }
