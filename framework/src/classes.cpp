@@ -49,7 +49,7 @@ void UnregisterClassRecord(ClassRecord* record) {
     record->classId.Clear();
 }
 
-Result<ObjectRef> CreateObjectById(const LiteralId& registry, const LiteralId& id) {
+Result<const ClassObject*> FindClass(const LiteralId& registry, const LiteralId& id) {
     Data value;
     bool found = RegistryInterface::FindEntryValue(registry, id, &value);
     // A found entry whose copy came back empty means memory ran short.
@@ -64,10 +64,33 @@ Result<ObjectRef> CreateObjectById(const LiteralId& registry, const LiteralId& i
                          FormatMessage("Entry @ of registry @ is not a class",
                                        {id.View(), registry.View()}));
     }
-    auto* cls = *static_cast<ClassObject* const*>(value.GetPointer());
-    Result<void*> instance = ClassInterface::Create(cls, QUORV_SOURCE_LOCATION);
+    return static_cast<const ClassObject*>(*static_cast<ClassObject* const*>(value.GetPointer()));
+}
+
+Result<ObjectRef> CreateObjectById(const LiteralId& registry, const LiteralId& id) {
+    Result<const ClassObject*> cls = FindClass(registry, id);
+    if (cls.IsError()) return cls.GetError();
+    Result<void*> instance = ClassInterface::Create(cls.GetValue(), QUORV_SOURCE_LOCATION);
     if (instance.IsError()) return instance.GetError();
     return ObjectRef::Adopt(static_cast<ObjectInstance*>(instance.GetValue()));
+}
+
+Result<ClassObject*> CreateComposedClassFromRecord(ClassRecord* record, const SourceLocation& loc) {
+    auto* composed = static_cast<ComposedClassRecord*>(record);
+    ClassObject* cls = ClassInterface::Alloc(record->id, 1, loc);
+    if (!cls) return OutOfMemoryError();
+    Ref<ClassObject> holder(cls);
+    for (Int i = 0; i < composed->baseCount; ++i) {
+        const ClassLocation& b = composed->bases[i];
+        Result<const ClassObject*> base = FindClass(LiteralId(b.registry), LiteralId(b.id));
+        if (base.IsError()) return base.GetError();
+        QUORV_RETURN_IF_ERROR(ClassInterface::AddComponents(cls, base.GetValue()));
+    }
+    for (Int i = 0; i < record->componentCount; ++i) {
+        QUORV_RETURN_IF_ERROR(ClassInterface::AddComponent(cls, record->components[i]));
+    }
+    QUORV_RETURN_IF_ERROR(ClassInterface::Finalize(cls));
+    return holder.Disconnect();
 }
 
 LiteralId GetClassIdOf(const ObjectInstance* instance) {

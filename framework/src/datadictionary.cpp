@@ -1,4 +1,5 @@
 #include "quorv/datadictionary.h"
+#include "quorv/datadictionaryobject.h"
 
 namespace quorv {
 
@@ -38,6 +39,13 @@ Result<void> DataDictionary::SetData(const DataDictionaryKey& key, const Data& v
 Int DataDictionary::GetCount() const {
     const DataDictionaryObject* d = GetReadable();
     return d ? DataDictionaryInterface::GetCount(d) : 0;
+}
+
+Result<DataDictionaryObjectInterface::Ref> CreateDataDictionaryObject() {
+    Result<ObjectRef> object =
+        CreateObjectById(LiteralId(HOST_CLASS_REGISTRY_ID), LiteralId(DATADICTIONARYOBJECT_CLASS_ID));
+    if (object.IsError()) return object.GetError();
+    return DataDictionaryObjectInterface::Ref::Cast(object.GetValue());
 }
 
 }  // namespace quorv

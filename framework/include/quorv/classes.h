@@ -11,6 +11,8 @@
 /// component fill them in order, so a later component overrides a method of an earlier one;
 /// the overriding method reaches the earlier implementation through `CallSuper`.
 
+#include <atomic>
+#include <initializer_list>
 #include <type_traits>
 #include <utility>
 
@@ -150,6 +152,82 @@ public:
 private:
     ComponentRecord _component;
     ClassRecord _class;
+    const ComponentRecord* _components[1] = {nullptr};
+};
+
+/// Where a composed class finds one of its bases: a class id in a registry.
+struct ClassLocation {
+    const char* registry;
+    const char* id;
+};
+
+/// The record of a class made of the components of its bases, in order, then one component of
+/// its own (which may override methods of the bases, reaching them through `CallSuper`).
+struct ComposedClassRecord : ClassRecord {
+    static constexpr Int MAX_BASES = 4;
+    ClassLocation bases[MAX_BASES] = {};
+    Int baseCount = 0;
+};
+
+/// The class registered under `id` in `registry`. An unknown id is an illegal-argument error
+/// that names the id and the registry.
+Result<const ClassObject*> FindClass(const LiteralId& registry, const LiteralId& id);
+
+/// Create function of a `ComposedClassRecord`: the bases' components, then the record's own.
+Result<ClassObject*> CreateComposedClassFromRecord(ClassRecord* record, const SourceLocation& loc);
+
+/// Offset of the state of component IMPL in the instances that hold it, recorded when a class
+/// fills its method tables. A component that asks for its instance must sit at one offset in
+/// every class that holds it (a class that would place it elsewhere fails to finalize).
+template <typename IMPL>
+struct ComponentOffset {
+    static inline std::atomic<Int> value{-1};
+};
+
+/// The instance whose state of component IMPL is `state` (components of a `ComposedClass`).
+template <typename IMPL>
+ObjectInstance* InstanceOfState(const IMPL* state) {
+    const Int offset = ComponentOffset<IMPL>::value.load(std::memory_order_relaxed);
+    return reinterpret_cast<ObjectInstance*>(
+        reinterpret_cast<char*>(const_cast<IMPL*>(state)) - offset);
+}
+
+/// A class made of the components of `bases` and one component IMPL implementing I, defined
+/// and registered under `id` in `registry` when constructed, like `SimpleClass`. `extraFill`
+/// writes further method tables of IMPL (overrides of a base's interface).
+template <typename IMPL, typename I>
+class ComposedClass {
+public:
+    ComposedClass(TranslationUnitRecord& unit, const char* id, const char* registry,
+                  std::initializer_list<ClassLocation> bases, const char* sourceName,
+                  ComponentRecord::FillMTableFunc extraFill = nullptr) {
+        _components[0] = &_component;
+        DefineSimpleClass(_component, _class, _components, LiteralId(id), LiteralId(registry),
+                          unit, sourceName);
+        FillComponentRecord<IMPL, I>(_component);
+        _component.fillMTable = &Fill;
+        _class.create = &CreateComposedClassFromRecord;
+        for (const ClassLocation& b : bases) {
+            if (_class.baseCount < ComposedClassRecord::MAX_BASES) _class.bases[_class.baseCount++] = b;
+        }
+        s_extraFill = extraFill;
+    }
+    ComposedClass(const ComposedClass&) = delete;
+    ComposedClass& operator=(const ComposedClass&) = delete;
+
+private:
+    static bool Fill(ClassObject* cls, const ComponentInfo* info) {
+        Int expected = -1;
+        if (!ComponentOffset<IMPL>::value.compare_exchange_strong(expected, info->offset) &&
+            expected != info->offset) {
+            return false;
+        }
+        if (!I::template FillMTable<IMPL>(cls, info)) return false;
+        return !s_extraFill || s_extraFill(cls, info);
+    }
+    static inline ComponentRecord::FillMTableFunc s_extraFill = nullptr;
+    ComponentRecord _component;
+    ComposedClassRecord _class;
     const ComponentRecord* _components[1] = {nullptr};
 };
 
