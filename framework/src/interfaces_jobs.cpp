@@ -1,12 +1,18 @@
 // Slot tables of the job and observable services, and the operation-cancelled error.
 #include "quorv/jobs.h"
 #include "quorv/observable.h"
+#include "quorv/progress.h"
+#include "quorv/resource.h"
 
 namespace quorv {
 
 QUORV_DEFINE_NONVIRTUAL_INTERFACE(ThreadServicesInterface)
 QUORV_DEFINE_NONVIRTUAL_INTERFACE(JobQueueInterface)
+QUORV_DEFINE_NONVIRTUAL_INTERFACE(ConditionVariableInterface)
 QUORV_DEFINE_NONVIRTUAL_INTERFACE(ObservableInterface)
+QUORV_DEFINE_NONVIRTUAL_INTERFACE(BackgroundProgressInterface)
+QUORV_DEFINE_NONVIRTUAL_INTERFACE(ProgressInterface)
+QUORV_DEFINE_NONVIRTUAL_INTERFACE(ResourceInterface)
 
 Error OperationCancelledError(const SourceLocation& loc) {
     return MakeErrorWithId(OPERATION_CANCELLED_ERROR_ID, loc, "Operation cancelled");

@@ -277,6 +277,11 @@ void CreateBuiltIns() {
     AddBuiltIn<ColorA64, BYTES>(g, "ColorA64", K::TUPLE);
     AddBuiltIn<ColorA32, BYTES>(g, "ColorA32", K::TUPLE);
     AddBuiltIn<std::string, OPS>(g, "std::string", K::PRIMITIVE);
+    AddBuiltIn<UInt32, OPS>(g, "UInt32", K::PRIMITIVE);
+    AddBuiltIn<Id, OPS>(g, "Id", K::PRIMITIVE);
+    AddBuiltIn<IdArray, OPS>(g, "BaseArray<Id>", K::TUPLE);
+    AddBuiltIn<Vector2i64, BYTES>(g, "Vector2i64", K::TUPLE);
+    AddBuiltIn<TimeValue, OPS>(g, "TimeValue", K::TUPLE);
     AddBuiltIn(g, CLASS_DATATYPE_ID, "ClassObject*", K::PRIMITIVE, sizeof(ClassPtr),
                alignof(ClassPtr), &CLASS_OPERATIONS);
 }

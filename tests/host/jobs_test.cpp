@@ -127,7 +127,7 @@ TEST(Jobs, WaitTimesOutOnARunningJobAndReturnsOnceItEnds) {
 // On a private queue of one thread, a job that waits for another job of the same queue would
 // block forever if the waiter did not run it.
 TEST(Jobs, WaitingInsideAOneThreadQueueRunsTheAwaitedJob) {
-    JobQueueObject* queue = JobQueueInterface::Alloc(1, QUORV_SOURCE_LOCATION);
+    JobQueueObject* queue = JobQueueInterface::Alloc(JOBQUEUETYPE::NORMAL, 1, JOBQUEUEMODE::DEFAULT, "test", QUORV_SOURCE_LOCATION);
     ASSERT_NE(queue, nullptr);
     EXPECT_EQ(JobQueueInterface::GetThreadCount(queue), 1);
     std::atomic<int> depth{0};
@@ -156,7 +156,7 @@ TEST(Jobs, WaitingInsideAOneThreadQueueRunsTheAwaitedJob) {
 }
 
 TEST(Jobs, CancelAndWaitOfAQueueEndsEveryJob) {
-    JobQueueObject* queue = JobQueueInterface::Alloc(2, QUORV_SOURCE_LOCATION);
+    JobQueueObject* queue = JobQueueInterface::Alloc(JOBQUEUETYPE::NORMAL, 2, JOBQUEUEMODE::DEFAULT, "test", QUORV_SOURCE_LOCATION);
     ASSERT_NE(queue, nullptr);
     std::vector<JobRef> jobs;
     for (int i = 0; i < 16; ++i) {

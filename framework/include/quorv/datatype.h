@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "quorv/basictypes.h"
+
 #include "quorv/entity.h"
 
 namespace quorv {
@@ -97,6 +99,11 @@ QUORV_DATATYPE_ID(Color64, "net.quorv.parametrictype.col<3,float64>");
 QUORV_DATATYPE_ID(ColorA64, "net.quorv.parametrictype.col<4,float64>");
 QUORV_DATATYPE_ID(ColorA32, "net.quorv.parametrictype.col<4,float32>");
 QUORV_DATATYPE_ID(std::string, "net.quorv.string");
+QUORV_DATATYPE_ID(UInt32, "uint32");
+QUORV_DATATYPE_ID(Id, "net.quorv.id");
+QUORV_DATATYPE_ID(IdArray, "net.quorv.basearray<net.quorv.id>");
+QUORV_DATATYPE_ID(Vector2i64, "net.quorv.parametrictype.vec<2,int64>");
+QUORV_DATATYPE_ID(TimeValue, "net.quorv.timevalue");
 
 /// The data type of T, looked up by id through the host once per module and cached. Null
 /// before the host is bound or when the host lacks the type.

@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "quorv/basictypes.h"
 #include "quorv/result.h"
 #include "quorv/services.h"
 
@@ -20,6 +21,18 @@ namespace quorv {
 struct JobObject;
 /// A host job queue. Opaque.
 struct JobQueueObject;
+/// A host condition variable. Opaque.
+struct ConditionVariableObject;
+
+/// Scheduling class of a private queue's workers.
+enum class JOBQUEUETYPE : Int32 {
+    NORMAL = 0,
+    LOWESTPRIORITY = 1,  ///< runs when nothing of normal priority waits for a core
+};
+/// How a queue hands jobs to its workers.
+enum class JOBQUEUEMODE : Int32 {
+    DEFAULT = 0,
+};
 
 /// The work of a job. Its error (or success) becomes the job's result.
 using JobFunction = Result<void> (*)(void* user);
@@ -52,11 +65,17 @@ inline constexpr Float64 JOB_WAIT_INFINITE = DBL_MAX;
     M(void, ThreadedExclusiveResource, (Bool enter), (enter)) \
     M(Int, GetExclusiveWaiterCount, (), ())
 #define QUORV_JOBQUEUE_METHODS(M) \
-    M(JobQueueObject*, Alloc, (Int threadCount, const SourceLocation& loc), (threadCount, loc)) \
+    M(JobQueueObject*, Alloc, (JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE mode, const char* name, const SourceLocation& loc), (type, threadCount, mode, name, loc)) \
     M(void, Free, (JobQueueObject* queue), (queue)) \
     M(Int, GetThreadCount, (const JobQueueObject* queue), (queue)) \
     M(void, Cancel, (JobQueueObject* queue), (queue)) \
     M(void, CancelAndWait, (JobQueueObject* queue), (queue))
+#define QUORV_CONDITIONVARIABLE_METHODS(M) \
+    M(ConditionVariableObject*, Alloc, (const SourceLocation& loc), (loc)) \
+    M(void, Free, (ConditionVariableObject* condition), (condition)) \
+    M(void, Set, (ConditionVariableObject* condition), (condition)) \
+    M(Bool, Wait, (ConditionVariableObject* condition, TimeValue timeout), (condition, timeout)) \
+    M(Bool, IsSet, (const ConditionVariableObject* condition), (condition))
 // clang-format on
 
 /// The job services.
@@ -80,11 +99,83 @@ inline constexpr Float64 JOB_WAIT_INFINITE = DBL_MAX;
 QUORV_NONVIRTUAL_INTERFACE(ThreadServicesInterface, "net.quorv.interface.threadservices",
                            QUORV_THREADSERVICES_METHODS);
 
-/// Private job queues: `Alloc` makes a queue with its own `threadCount` workers (at least 1);
-/// `GetThreadCount` of null answers the worker count of the default queue; `Cancel` cancels
-/// every job queued or running on it, `CancelAndWait` also waits until they have ended.
+/// Private job queues: `Alloc` makes a queue named `name` with its own `threadCount` workers
+/// (at least 1), of low priority for `LOWESTPRIORITY`; null when memory is short.
+/// `GetThreadCount` of null answers the worker count of the job system (the default queue);
+/// `Cancel` cancels every job queued or running on it, `CancelAndWait` also waits until they
+/// and their observers have ended, except a job of the queue that calls it (it never waits
+/// for its caller). `Free` cancels and waits, then frees.
 QUORV_NONVIRTUAL_INTERFACE(JobQueueInterface, "net.quorv.interface.jobqueue",
                            QUORV_JOBQUEUE_METHODS);
+
+/// Latched condition variables: `Set` frees every waiter, present and future, for good.
+/// `Wait` answers true once set, false when `timeout` ran out first (a negative timeout does
+/// not wait, an infinite one waits until `Set`). `Free` must not race with a waiter.
+QUORV_NONVIRTUAL_INTERFACE(ConditionVariableInterface, "net.quorv.interface.conditionvariable",
+                           QUORV_CONDITIONVARIABLE_METHODS);
+
+/// Owning handle of a host condition variable.
+class ConditionVariableRef {
+public:
+    ConditionVariableRef() = default;
+    ConditionVariableRef(const ConditionVariableRef&) = delete;
+    ConditionVariableRef& operator=(const ConditionVariableRef&) = delete;
+    ConditionVariableRef(ConditionVariableRef&& o) noexcept : _c(std::exchange(o._c, nullptr)) {}
+    ConditionVariableRef& operator=(ConditionVariableRef&& o) noexcept {
+        std::swap(_c, o._c);
+        return *this;
+    }
+    ~ConditionVariableRef() {
+        if (_c) ConditionVariableInterface::Free(_c);
+    }
+    /// A new, unset condition variable; out of memory gives the kind 0 error.
+    static Result<ConditionVariableRef> Create() {
+        ConditionVariableRef r;
+        r._c = ConditionVariableInterface::Alloc(QUORV_SOURCE_LOCATION);
+        if (!r._c) return OutOfMemoryError();
+        return r;
+    }
+    void Set() const {
+        if (_c) ConditionVariableInterface::Set(_c);
+    }
+    Bool Wait(TimeValue timeout) const { return _c ? ConditionVariableInterface::Wait(_c, timeout) : true; }
+    Bool IsSet() const { return _c ? ConditionVariableInterface::IsSet(_c) : true; }
+    explicit operator bool() const { return _c != nullptr; }
+
+private:
+    ConditionVariableObject* _c = nullptr;
+};
+
+/// Owning handle of a private job queue.
+class JobQueueRef {
+public:
+    JobQueueRef() = default;
+    JobQueueRef(const JobQueueRef&) = delete;
+    JobQueueRef& operator=(const JobQueueRef&) = delete;
+    JobQueueRef(JobQueueRef&& o) noexcept : _q(std::exchange(o._q, nullptr)) {}
+    JobQueueRef& operator=(JobQueueRef&& o) noexcept {
+        std::swap(_q, o._q);
+        return *this;
+    }
+    ~JobQueueRef() {
+        if (_q) JobQueueInterface::Free(_q);
+    }
+    static Result<JobQueueRef> Create(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE mode,
+                                      const char* name) {
+        JobQueueRef r;
+        r._q = JobQueueInterface::Alloc(type, threadCount, mode, name, QUORV_SOURCE_LOCATION);
+        if (!r._q) return OutOfMemoryError();
+        return r;
+    }
+    JobQueueObject* Get() const { return _q; }
+    Int GetThreadCount() const { return JobQueueInterface::GetThreadCount(_q); }
+    void Cancel() const { JobQueueInterface::Cancel(_q); }
+    void CancelAndWait() const { JobQueueInterface::CancelAndWait(_q); }
+    explicit operator bool() const { return _q != nullptr; }
+
+private:
+    JobQueueObject* _q = nullptr;
+};
 
 /// The operation-cancelled error.
 Error OperationCancelledError(const SourceLocation& loc);

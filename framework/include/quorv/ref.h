@@ -18,7 +18,7 @@ using DestroyFunc = void (*)(void* object);
 struct ObjectHeader {
     void* owner;                 ///< class object of an instance, or the type of a value
     DestroyFunc destroy;         ///< run when the last reference is dropped
-    UInt reserved;
+    UInt reserved;               ///< the weak block (quorv/weakref.h), or 0
     std::atomic<UInt> count;     ///< the count word, directly ahead of the object
 };
 static_assert(sizeof(ObjectHeader) == 32);
@@ -35,13 +35,20 @@ inline void AddReference(const void* object) {
     if (object) HeaderOf(object)->count.fetch_add(REFERENCE_STEP, std::memory_order_seq_cst);
 }
 
-/// Drops a reference and destroys the object when it was the last; null is ignored.
+/// Detaches the weak block of an object whose last reference is gone (quorv/weakref.h).
+void ClearWeakBlock(void* object);
+
+/// Drops a reference and destroys the object when it was the last; null is ignored. An object
+/// with weak references (a weak block in `reserved`) has its block cleared first.
 inline void RemoveReference(const void* object) {
     if (!object) return;
     ObjectHeader* h = HeaderOf(object);
     UInt before = h->count.fetch_add(static_cast<UInt>(-static_cast<Int>(REFERENCE_STEP)),
                                      std::memory_order_seq_cst);
-    if (before < 2 * REFERENCE_STEP) h->destroy(const_cast<void*>(object));
+    if (before < 2 * REFERENCE_STEP) {
+        if (h->reserved != 0) ClearWeakBlock(const_cast<void*>(object));
+        h->destroy(const_cast<void*>(object));
+    }
 }
 
 /// True when a second holder exists (count word above 23).

@@ -317,7 +317,8 @@ Int GetExclusiveWaiterCount() { return g_exclusiveWaiters.load(std::memory_order
 
 // ---- queues ---------------------------------------------------------------------------------
 
-JobQueueObject* AllocQueue(Int threadCount, const SourceLocation&) {
+JobQueueObject* AllocQueue(JOBQUEUETYPE, Int threadCount, JOBQUEUEMODE, const char*,
+                           const SourceLocation&) {
     int threads = static_cast<int>(std::clamp<Int>(threadCount, 1, 256));
     try {
         return new JobQueueObject(threads);
