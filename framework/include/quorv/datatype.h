@@ -100,6 +100,8 @@ QUORV_DATATYPE_ID(ColorA64, "net.quorv.parametrictype.col<4,float64>");
 QUORV_DATATYPE_ID(ColorA32, "net.quorv.parametrictype.col<4,float32>");
 QUORV_DATATYPE_ID(std::string, "net.quorv.string");
 QUORV_DATATYPE_ID(UInt32, "uint32");
+/// Class values (counted class objects), as registries hold them.
+QUORV_DATATYPE_ID(ClassObject*, "net.quorv.class");
 QUORV_DATATYPE_ID(Id, "net.quorv.id");
 QUORV_DATATYPE_ID(IdArray, "net.quorv.basearray<net.quorv.id>");
 QUORV_DATATYPE_ID(Vector2i64, "net.quorv.parametrictype.vec<2,int64>");
