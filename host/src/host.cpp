@@ -76,6 +76,7 @@ Host& Host::Start(const HostOptions& options) {
     LoadedModule& module = *self;
     host._modules.push_back(std::move(self));
     host.BindModule(module, {});
+    RegisterHostClasses();
     Result<void> defined = host.RunDefinitions(module);
     if (defined.IsError()) {
         HostCriticalOutput("Definitions of the host binary failed: " +

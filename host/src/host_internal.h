@@ -51,6 +51,9 @@ bool CreateRegistry(const LiteralId& id);
 /// Removes a registry that has no entries left.
 void RemoveRegistryIfEmpty(const LiteralId& id);
 std::vector<RegistryListing> ListRegistryEntries();
+/// Makes the classes the host defines itself ("net.quorv.class.datadictionaryobject"); called
+/// once the host's own binary is bound, before its definitions run.
+void RegisterHostClasses();
 /// A registered class by id, searched in all registries; null when none.
 ClassObject* FindRegisteredClass(const LiteralId& id);
 std::vector<std::pair<std::string, std::string>> ListDatabases();

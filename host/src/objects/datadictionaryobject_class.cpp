@@ -3,6 +3,7 @@
 // a value never changes under a reader; a write while a snapshot is out copies the dictionary.
 #include <mutex>
 
+#include "host_internal.h"
 #include "quorv/datadictionaryobject.h"
 
 namespace quorv::host {
@@ -66,13 +67,39 @@ struct DataDictionaryObjectImpl {
     DataDictionary content;
 };
 
-RegistryRecord g_hostClasses;
-ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
-const bool g_registry =
-    (DefineRegistry(g_hostClasses, LiteralId(HOST_CLASS_REGISTRY_ID), g_unit, __FILE__, 0), true);
-SimpleClass<DataDictionaryObjectImpl, DataDictionaryObjectInterface> g_class(
-    g_unit, DATADICTIONARYOBJECT_CLASS_ID, HOST_CLASS_REGISTRY_ID, __FILE__);
-
 }  // namespace
+
+// Made when the host binds its own binary, before that binary's definitions run: a binary
+// that links module sources (a white-box test) defines classes composed of this one, and
+// their definitions must find it whatever order they run in.
+void RegisterHostClasses() {
+    static ComponentRecord component;
+    static bool done = false;
+    if (done) return;
+    done = true;
+    CreateRegistry(LiteralId(HOST_CLASS_REGISTRY_ID));
+    FillComponentRecord<DataDictionaryObjectImpl, DataDictionaryObjectInterface>(component);
+    component.type = static_cast<UInt32>(EntityBase::TYPE::COMPONENT);
+    component.id = LiteralId(DATADICTIONARYOBJECT_CLASS_ID);
+    ClassObject* cls = ClassInterface::Alloc(component.id, 1, QUORV_SOURCE_LOCATION);
+    if (!cls) {
+        HostCriticalOutput("The host's data dictionary object class could not be made: out of memory");
+        return;
+    }
+    Ref<ClassObject> holder(cls);
+    Result<void> made = ClassInterface::AddComponent(cls, &component);
+    if (made.IsOk()) made = ClassInterface::Finalize(cls);
+    const DataType* classType = DataTypeLibInterface::GetRuntimeDataType(CLASS_DATATYPE_ID);
+    Data value = classType ? Data::Make(classType, &cls) : Data();
+    if (made.IsOk()) {
+        made = value.IsEmpty() ? Result<void>(OutOfMemoryError())
+                               : RegistryInterface::InsertEntry(LiteralId(HOST_CLASS_REGISTRY_ID),
+                                                                component.id, value);
+    }
+    if (made.IsError()) {
+        HostCriticalOutput("The host's data dictionary object class could not be made: " +
+                           ErrorToString(made.GetErrorPointer()));
+    }
+}
 
 }  // namespace quorv::host
