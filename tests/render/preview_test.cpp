@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -621,6 +622,59 @@ TEST_F(PreviewTest, OutOfMemoryAtEachAllocationOfASubmit) {
     }
     EXPECT_GT(oom, 0);
     EXPECT_GT(oks, 0);
+}
+
+// Many threads submit, cancel, drop and resubmit on the one-thread queue: the calls of one
+// submission never overlap and their indices rise, and the scheduler comes to rest.
+TEST_F(PreviewTest, ThreadsSubmitCancelDropResubmit) {
+    constexpr int THREADS = 4, ROUNDS = 40;
+    std::vector<std::thread> threads;
+    std::atomic<int> bad{0};
+    std::vector<std::unique_ptr<Recorder>> recorders;
+    std::mutex recordersMutex;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            Request r;
+            for (int i = 0; i < ROUNDS; ++i) {
+                const int op = (t * 7 + i * 3) % 5;
+                if (op == 0 || !r.object) {
+                    auto rec = std::make_unique<Recorder>();
+                    Script s;
+                    s.name = "t" + std::to_string(t);
+                    s.steps = {Step{0, 3}, Step{1, 3}, Step{2, 3}};
+                    r = ScriptedRequest(*rec, s);
+                    if (r.request.Submit().IsError()) ++bad;
+                    std::lock_guard<std::mutex> l(recordersMutex);
+                    recorders.push_back(std::move(rec));
+                } else if (op == 1) {
+                    r.request.Cancel();
+                } else if (op == 2) {
+                    r = Request();  // drop the last reference
+                } else if (op == 3) {
+                    if (r.request.Submit().IsError()) ++bad;  // resubmit: same delegate
+                } else {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    WaitIdle();
+    EXPECT_EQ(bad.load(), 0);
+    for (auto& rec : recorders) {
+        EXPECT_EQ(rec->overlaps.load(), 0);
+        Int last = -1;
+        for (const Delivery& d : rec->Copy()) {
+            EXPECT_TRUE(d.ok) << d.message;
+            // A resubmission starts again at 0; within one run the indices rise.
+            if (d.index != 0) {
+                EXPECT_GT(d.index, last);
+            }
+            last = d.index;
+        }
+    }
+    auto snap = PreviewImageScheduler::Get()->GetSnapshot();
+    EXPECT_EQ(snap.runningNormal + snap.runningHigh, 0);
 }
 
 }  // namespace
