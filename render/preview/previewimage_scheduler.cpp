@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
+#include <thread>
 
 #include "quorv/resource.h"
 
@@ -33,20 +34,21 @@ LockedRefWord<PreviewImageScheduler>& ProcessScheduler() {
 }
 
 // The delegate of a failed start runs under `queueLock`; a delegate that calls back into the
-// scheduler there would spin on its own lock. Such a call is refused and reported instead.
-thread_local bool t_holdingQueueLock = false;
+// scheduler there would spin on its own lock. Such a call is refused and reported instead. The
+// owner is kept beside the lock (no thread-local storage: the module needs no TLS runtime).
+std::atomic<std::thread::id> g_queueLockOwner{};
 
 class QueueLockHold {
 public:
     explicit QueueLockHold(SpinLock& lock) : _lock(lock) {
         _lock.Lock();
-        t_holdingQueueLock = true;
+        g_queueLockOwner.store(std::this_thread::get_id(), std::memory_order_relaxed);
     }
     ~QueueLockHold() { Unlock(); }
     void Unlock() {
         if (!_held) return;
         _held = false;
-        t_holdingQueueLock = false;
+        g_queueLockOwner.store(std::thread::id(), std::memory_order_relaxed);
         _lock.Unlock();
     }
 
@@ -56,7 +58,7 @@ private:
 };
 
 bool RefuseReentry(const char* where) {
-    if (!t_holdingQueueLock) return false;
+    if (g_queueLockOwner.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
     SystemInterface::CriticalOutput(
         FormatMessage("Preview scheduler re-entered under its queue lock in @", {where}).c_str(),
         QUORV_SOURCE_LOCATION);
