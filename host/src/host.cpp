@@ -55,6 +55,7 @@ Host& Host::Start(const HostOptions& options) {
     g_running.store(&host, std::memory_order_release);
     host._state->options = options;
     SetCriticalEcho(options.echoCriticalOutput);
+    SetJobSystemThreadCount(options.threadCount);
     RegisterSystemService(host);
     RegisterStringService(host);
     RegisterUrlService(host);
@@ -65,6 +66,7 @@ Host& Host::Start(const HostOptions& options) {
     RegisterParallelService(host);
     RegisterJobService(host);
     RegisterObservableService(host);
+    RegisterConditionVariableService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);

@@ -40,7 +40,13 @@ void SetFailCountdown(Int n);
 void RegisterLexerService(Host& host);
 void RegisterParallelService(Host& host);
 void RegisterJobService(Host& host);
+/// Width of the job system: the default queue's workers and the parallel loops' arena
+/// (`HostOptions::threadCount`, or the machine's when 0).
+Int JobSystemThreadCount();
+/// Sets that width; called by `Host::Start` before anything uses the default queue or a loop.
+void SetJobSystemThreadCount(Int threadCount);
 void RegisterObservableService(Host& host);
+void RegisterConditionVariableService(Host& host);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 

@@ -28,6 +28,7 @@ std::string DefaultModulePath() {
 
 bool StartHost(const GlobalOptions& options) {
     host::HostOptions hostOptions;
+    hostOptions.threadCount = options.threadCount;
     host::Host& h = host::Host::Start(hostOptions);
     std::string path = options.modulePath;
     if (path.empty()) {
@@ -62,6 +63,10 @@ int main(int argc, char** argv) {
     app.add_option("--module", options.modulePath, "Path of the render module library");
     app.add_option("--config", options.configuration,
                    "Set a configuration variable, name=value (repeatable)");
+    app.add_option("--threads", options.threadCount,
+                   "Worker threads of the job system (default: one per core); more than the "
+                   "cores is allowed")
+        ->check(CLI::Range(quorv::Int{1}, quorv::Int{1024}));
     std::function<int()> run;
     AddClassesCommand(app, options, run);
     AddCameraCommand(app, options, run);

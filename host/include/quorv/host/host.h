@@ -36,6 +36,10 @@ struct HostOptions {
     std::vector<std::string> withheldInterfaces;
     /// Echo critical messages to stderr (they are always kept in the critical log).
     bool echoCriticalOutput = true;
+    /// Width of the job system: workers of the default job queue and of parallel loops. 0 is
+    /// the machine's (its cores); more than the cores is allowed (to try thread rules on a
+    /// small machine). Private queues get their own threads beside these.
+    Int threadCount = 0;
 };
 
 /// One loaded module (or the host's own binary).
