@@ -67,6 +67,7 @@ Host& Host::Start(const HostOptions& options) {
     RegisterJobService(host);
     RegisterObservableService(host);
     RegisterConditionVariableService(host);
+    RegisterProgressService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);

@@ -47,6 +47,7 @@ Int JobSystemThreadCount();
 void SetJobSystemThreadCount(Int threadCount);
 void RegisterObservableService(Host& host);
 void RegisterConditionVariableService(Host& host);
+void RegisterProgressService(Host& host);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 
