@@ -68,6 +68,8 @@ Host& Host::Start(const HostOptions& options) {
     RegisterObservableService(host);
     RegisterConditionVariableService(host);
     RegisterProgressService(host);
+    SetResourceOptions(options.resourceDirectory, options.language);
+    RegisterResourceService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);

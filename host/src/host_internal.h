@@ -48,6 +48,14 @@ void SetJobSystemThreadCount(Int threadCount);
 void RegisterObservableService(Host& host);
 void RegisterConditionVariableService(Host& host);
 void RegisterProgressService(Host& host);
+void RegisterResourceService(Host& host);
+/// Sets the resource folder (empty: `<exe dir>/../resources`) and the language ("en").
+void SetResourceOptions(const std::string& directory, const std::string& language);
+/// The text of `key` in `directory`/strings/`language`/`resourceId`.json (falling back to
+/// "en"); illegal-argument errors name the resource id and the key.
+Result<std::string> LoadResourceStringFrom(const std::string& directory,
+                                           const std::string& language, std::string_view resourceId,
+                                           std::string_view key);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 

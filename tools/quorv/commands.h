@@ -16,6 +16,8 @@ struct GlobalOptions {
     std::vector<std::string> configuration;
     /// Width of the job system; 0 is the machine's.
     Int threadCount = 0;
+    /// Resource folder; empty is ../resources beside this program.
+    std::string resourceDirectory;
 };
 
 /// Loads the module and applies the configuration; prints the error and returns false on

@@ -29,6 +29,7 @@ std::string DefaultModulePath() {
 bool StartHost(const GlobalOptions& options) {
     host::HostOptions hostOptions;
     hostOptions.threadCount = options.threadCount;
+    hostOptions.resourceDirectory = options.resourceDirectory;
     host::Host& h = host::Host::Start(hostOptions);
     std::string path = options.modulePath;
     if (path.empty()) {
@@ -67,6 +68,10 @@ int main(int argc, char** argv) {
                    "Worker threads of the job system (default: one per core); more than the "
                    "cores is allowed")
         ->check(CLI::Range(quorv::Int{1}, quorv::Int{1024}));
+    app.add_option("--resources", options.resourceDirectory,
+                   "Folder of the application's resources (default: ../resources beside this "
+                   "program)")
+        ->check(CLI::ExistingDirectory);
     std::function<int()> run;
     AddClassesCommand(app, options, run);
     AddCameraCommand(app, options, run);

@@ -40,7 +40,17 @@ struct HostOptions {
     /// the machine's (its cores); more than the cores is allowed (to try thread rules on a
     /// small machine). Private queues get their own threads beside these.
     Int threadCount = 0;
+    /// Folder of the application's resources (translated texts in strings/LANGUAGE/ID.json).
+    /// Empty: the folder `resources` beside the folder of the running program, i.e.
+    /// `<program dir>/../resources` (build/<preset>/resources, or PREFIX/resources installed).
+    std::string resourceDirectory;
+    /// Language of translated texts; a text missing in it is taken from "en".
+    std::string language = "en";
 };
+
+/// The resource folder in use: `HostOptions::resourceDirectory` of the started host, or the
+/// default beside the running program.
+QUORV_HOST_API std::string GetResourceDirectory();
 
 /// One loaded module (or the host's own binary).
 struct LoadedModule {
