@@ -49,6 +49,7 @@ void RegisterObservableService(Host& host);
 void RegisterConditionVariableService(Host& host);
 void RegisterProgressService(Host& host);
 void RegisterResourceService(Host& host);
+void RegisterWeakRefService(Host& host);
 /// Sets the resource folder (empty: `<exe dir>/../resources`) and the language ("en").
 void SetResourceOptions(const std::string& directory, const std::string& language);
 /// The text of `key` in `directory`/strings/`language`/`resourceId`.json (falling back to

@@ -30,6 +30,7 @@ bool StartHost(const GlobalOptions& options) {
     host::HostOptions hostOptions;
     hostOptions.threadCount = options.threadCount;
     hostOptions.resourceDirectory = options.resourceDirectory;
+    hostOptions.configuration = options.configuration;
     host::Host& h = host::Host::Start(hostOptions);
     std::string path = options.modulePath;
     if (path.empty()) {
@@ -41,12 +42,12 @@ bool StartHost(const GlobalOptions& options) {
         std::fprintf(stderr, "quorv: %s\n", ErrorToString(loaded.GetErrorPointer()).c_str());
         return false;
     }
-    for (const std::string& c : options.configuration) {
-        Result<void> r = h.SetConfiguration(c);
-        if (r.IsError()) {
-            std::fprintf(stderr, "quorv: %s\n", ErrorToString(r.GetErrorPointer()).c_str());
-            return false;
-        }
+    // The assignments were recorded before the module loaded (its initialisation saw them);
+    // names no binary knows and bad values are refused now.
+    Result<void> checked = h.CheckConfiguration();
+    if (checked.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(checked.GetErrorPointer()).c_str());
+        return false;
     }
     return true;
 }

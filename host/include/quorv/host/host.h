@@ -46,6 +46,11 @@ struct HostOptions {
     std::string resourceDirectory;
     /// Language of translated texts; a text missing in it is taken from "en".
     std::string language = "en";
+    /// Configuration assignments "name=value", applied to every binary (the host's own and
+    /// each module loaded later) after its records are bound and before its definitions run,
+    /// so that its initialisation sees them. Names no binary knows are found by
+    /// `CheckConfiguration` once the modules are loaded.
+    std::vector<std::string> configuration;
 };
 
 /// The resource folder in use: `HostOptions::resourceDirectory` of the started host, or the
@@ -121,6 +126,10 @@ public:
     /// later. An unknown name or a bad value is an illegal-argument error naming it.
     Result<void> SetConfiguration(std::string_view assignment);
     std::vector<ConfigurationListing> ListConfiguration() const;
+    /// Checks every assignment made so far (`HostOptions::configuration` included): each must
+    /// be of the form name=value, name a variable of a loaded binary and hold a value of its
+    /// type; else an illegal-argument error naming the first that does not.
+    Result<void> CheckConfiguration() const;
 
     std::vector<RegistryListing> ListRegistries() const;
     std::vector<DataTypeListing> ListDataTypes() const;
