@@ -56,6 +56,8 @@ install(TARGETS quorv_framework_archive ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBD
 # The module and the command line, in the layout the command line expects (../lib beside bin).
 install(TARGETS quorv_render LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS quorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The resources beside bin/, where the host finds them by default (PREFIX/resources).
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/resources/ DESTINATION resources)
 
 install(EXPORT quorvTargets NAMESPACE quorv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quorv)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/quorvConfig.cmake.in

@@ -54,7 +54,10 @@ Host& Host::Start(const HostOptions& options) {
     Host& host = *g_host;
     g_running.store(&host, std::memory_order_release);
     host._state->options = options;
+    // Recorded before any binary is bound: the host's own definitions see them too.
+    host._state->configuration = options.configuration;
     SetCriticalEcho(options.echoCriticalOutput);
+    SetJobSystemThreadCount(options.threadCount);
     RegisterSystemService(host);
     RegisterStringService(host);
     RegisterUrlService(host);
@@ -65,6 +68,11 @@ Host& Host::Start(const HostOptions& options) {
     RegisterParallelService(host);
     RegisterJobService(host);
     RegisterObservableService(host);
+    RegisterConditionVariableService(host);
+    RegisterProgressService(host);
+    SetResourceOptions(options.resourceDirectory, options.language);
+    RegisterResourceService(host);
+    RegisterWeakRefService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);
@@ -230,6 +238,36 @@ Result<void> Host::SetConfiguration(std::string_view assignment) {
                                        {assignment.substr(0, assignment.find('='))}));
     }
     _state->configuration.emplace_back(assignment);
+    return OK;
+}
+
+Result<void> Host::CheckConfiguration() const {
+    for (const std::string& assignment : _state->configuration) {
+        const auto eq = assignment.find('=');
+        if (eq == std::string::npos) {
+            return MakeError(
+                ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                FormatMessage("Configuration @ is not of the form name=value", {assignment}));
+        }
+        const std::string_view name = std::string_view(assignment).substr(0, eq);
+        bool found = false;
+        for (const auto& m : _modules) {
+            if (!m->configuration) continue;
+            for (Int i = 0; i < m->configuration->count; ++i) {
+                ConfigurationRow row = m->configuration->rows[i];
+                if (name != row.name) continue;
+                found = true;
+                // The value is parsed into scratch storage: the variable keeps what it has.
+                alignas(16) char scratch[CONFIG_STRING_CAPACITY];
+                row.variable = scratch;
+                QUORV_RETURN_IF_ERROR(AssignRow(row, assignment.substr(eq + 1)));
+            }
+        }
+        if (!found) {
+            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                             FormatMessage("Unknown configuration variable @", {name}));
+        }
+    }
     return OK;
 }
 

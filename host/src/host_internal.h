@@ -40,7 +40,23 @@ void SetFailCountdown(Int n);
 void RegisterLexerService(Host& host);
 void RegisterParallelService(Host& host);
 void RegisterJobService(Host& host);
+/// Width of the job system: the default queue's workers and the parallel loops' arena
+/// (`HostOptions::threadCount`, or the machine's when 0).
+Int JobSystemThreadCount();
+/// Sets that width; called by `Host::Start` before anything uses the default queue or a loop.
+void SetJobSystemThreadCount(Int threadCount);
 void RegisterObservableService(Host& host);
+void RegisterConditionVariableService(Host& host);
+void RegisterProgressService(Host& host);
+void RegisterResourceService(Host& host);
+void RegisterWeakRefService(Host& host);
+/// Sets the resource folder (empty: `<exe dir>/../resources`) and the language ("en").
+void SetResourceOptions(const std::string& directory, const std::string& language);
+/// The text of `key` in `directory`/strings/`language`/`resourceId`.json (falling back to
+/// "en"); illegal-argument errors name the resource id and the key.
+Result<std::string> LoadResourceStringFrom(const std::string& directory,
+                                           const std::string& language, std::string_view resourceId,
+                                           std::string_view key);
 void RegisterStringConversionService(Host& host);
 void RegisterDataSerializeService(Host& host);
 

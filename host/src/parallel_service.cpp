@@ -19,9 +19,10 @@ namespace quorv::host {
 namespace {
 
 // Loops run in an arena of their own: a loop started inside a job of a narrow job queue
-// (whose arena may have a single slot) still gets every core.
+// (whose arena may have a single slot) still gets the job system's width.
 tbb::task_arena& LoopArena() {
-    static tbb::task_arena* arena = new tbb::task_arena(tbb::task_arena::automatic, 1);
+    static tbb::task_arena* arena =
+        new tbb::task_arena(static_cast<int>(JobSystemThreadCount()), 1);
     return *arena;
 }
 

@@ -4,6 +4,9 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "quorv/base.h"
 
 namespace quorv::cli {
 
@@ -11,6 +14,10 @@ namespace quorv::cli {
 struct GlobalOptions {
     std::string modulePath;
     std::vector<std::string> configuration;
+    /// Width of the job system; 0 is the machine's.
+    Int threadCount = 0;
+    /// Resource folder; empty is ../resources beside this program.
+    std::string resourceDirectory;
 };
 
 /// Loads the module and applies the configuration; prints the error and returns false on

@@ -28,6 +28,9 @@ std::string DefaultModulePath() {
 
 bool StartHost(const GlobalOptions& options) {
     host::HostOptions hostOptions;
+    hostOptions.threadCount = options.threadCount;
+    hostOptions.resourceDirectory = options.resourceDirectory;
+    hostOptions.configuration = options.configuration;
     host::Host& h = host::Host::Start(hostOptions);
     std::string path = options.modulePath;
     if (path.empty()) {
@@ -39,12 +42,12 @@ bool StartHost(const GlobalOptions& options) {
         std::fprintf(stderr, "quorv: %s\n", ErrorToString(loaded.GetErrorPointer()).c_str());
         return false;
     }
-    for (const std::string& c : options.configuration) {
-        Result<void> r = h.SetConfiguration(c);
-        if (r.IsError()) {
-            std::fprintf(stderr, "quorv: %s\n", ErrorToString(r.GetErrorPointer()).c_str());
-            return false;
-        }
+    // The assignments were recorded before the module loaded (its initialisation saw them);
+    // names no binary knows and bad values are refused now.
+    Result<void> checked = h.CheckConfiguration();
+    if (checked.IsError()) {
+        std::fprintf(stderr, "quorv: %s\n", ErrorToString(checked.GetErrorPointer()).c_str());
+        return false;
     }
     return true;
 }
@@ -62,6 +65,14 @@ int main(int argc, char** argv) {
     app.add_option("--module", options.modulePath, "Path of the render module library");
     app.add_option("--config", options.configuration,
                    "Set a configuration variable, name=value (repeatable)");
+    app.add_option("--threads", options.threadCount,
+                   "Worker threads of the job system (default: one per core); more than the "
+                   "cores is allowed")
+        ->check(CLI::Range(quorv::Int{1}, quorv::Int{1024}));
+    app.add_option("--resources", options.resourceDirectory,
+                   "Folder of the application's resources (default: ../resources beside this "
+                   "program)")
+        ->check(CLI::ExistingDirectory);
     std::function<int()> run;
     AddClassesCommand(app, options, run);
     AddCameraCommand(app, options, run);

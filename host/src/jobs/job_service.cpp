@@ -4,6 +4,8 @@
 // runs other pending jobs of that queue, so a waiting worker keeps working instead of starving
 // the pool (and a chain of waits cannot deadlock on a pool that is all waiters).
 #include <tbb/concurrent_queue.h>
+#include <tbb/global_control.h>
+#include <tbb/info.h>
 #include <tbb/task_arena.h>
 
 #include <algorithm>
@@ -11,8 +13,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <new>
+#include <string>
 #include <thread>
 #include <unordered_set>
 #include <vector>
@@ -34,6 +38,11 @@ struct alignas(16) JobObject {
     std::atomic<JobQueueObject*> queue{nullptr};
     std::atomic<JOBSTATE> state{JOBSTATE::NEW};
     std::atomic<bool> cancelled{false};
+    // Set once the cancelled observers of the first `Cancel` have returned.
+    std::atomic<bool> cancelObserversDone{false};
+    // The job this thread was running when it started this one inline (a waiter), so a queue
+    // wait can leave out every job of its own thread.
+    JobObject* outerOnThread = nullptr;
     std::mutex mutex;
     std::condition_variable finished;
     Result<void> result = OK;  // written before the state becomes FINISHED
@@ -42,16 +51,14 @@ struct alignas(16) JobObject {
 };
 
 struct JobQueueObject {
-    // The arena asks for no more workers than the machine grants (one fewer than its cores),
-    // so that oneTBB does not warn about ignored requests; the queue still reports the count
-    // it was made with.
-    explicit JobQueueObject(int threads)
-        : arena(std::clamp(threads, 1,
-                           std::max(1, static_cast<int>(std::thread::hardware_concurrency()) - 1)),
-                0),
-          threadCount(threads) {}
+    // The arena has exactly `threads` slots for workers (none kept for a calling thread: jobs
+    // reach it by `enqueue` only); the job system makes sure the process has workers enough
+    // (`ReserveWorkers`).
+    JobQueueObject(int threads, tbb::task_arena::priority priority, std::string queueName)
+        : arena(threads, 0, priority), threadCount(threads), name(std::move(queueName)) {}
     tbb::task_arena arena;
     Int threadCount;
+    std::string name;
     std::atomic<Int> arenaTasks{0};  // enqueued arena tasks that have not returned
     tbb::concurrent_queue<JobObject*> pending;
     std::mutex mutex;
@@ -66,15 +73,60 @@ namespace quorv::host {
 namespace {
 
 thread_local JobObject* t_currentJob = nullptr;
+// Jobs whose cancelled observers run on this thread right now, innermost first (an observer
+// may cancel and wait for the queue of its own job).
+struct CancelFrame {
+    const JobObject* job;
+    const CancelFrame* outer;
+};
+thread_local const CancelFrame* t_cancelFrames = nullptr;
 std::atomic<Int> g_exclusiveWaiters{0};
+
+// ---- worker threads ---------------------------------------------------------------------------
+
+std::atomic<Int> g_jobSystemThreads{0};  // 0: the machine's
+
+// oneTBB gives the process one worker fewer than the machine's cores unless told otherwise.
+// Every private queue must really run as many jobs at once as it has threads (a preview queue of
+// four threads on a two-core machine too), and the job system may be sized by the host options:
+// the allowed parallelism is raised to the default queue's width plus every private queue's
+// threads plus the calling thread. It is never lowered again: workers that are not needed sleep.
+std::mutex g_workersMutex;
+Int g_reservedThreads = 0;  // threads of private queues alive
+Int g_allowedParallelism = 0;
+tbb::global_control* g_parallelismControl = nullptr;  // lives to the end of the process
+
+void ReserveWorkers(Int privateThreads) {
+    std::lock_guard<std::mutex> lock(g_workersMutex);
+    g_reservedThreads += privateThreads;
+    const Int machine = std::max<Int>(1, std::thread::hardware_concurrency());
+    const Int need = std::max(machine, JobSystemThreadCount() + g_reservedThreads + 1);
+    if (need <= g_allowedParallelism) return;
+    try {
+        // Of several controls the smallest value wins: the new one replaces the old.
+        auto* control = new tbb::global_control(tbb::global_control::max_allowed_parallelism,
+                                                static_cast<size_t>(need));
+        delete g_parallelismControl;
+        g_parallelismControl = control;
+        g_allowedParallelism = need;
+    } catch (...) {
+        // Short of memory the queue keeps fewer workers than asked for; it still runs its jobs.
+    }
+}
+
+void ReleaseWorkers(Int privateThreads) {
+    std::lock_guard<std::mutex> lock(g_workersMutex);
+    g_reservedThreads -= privateThreads;
+}
 
 void DrainDefaultQueueAtExit();
 
 JobQueueObject& DefaultQueue() {
     // Lives to the end of the process: jobs may still end while statics are destroyed.
     static JobQueueObject* queue = [] {
-        int threads = std::max(1, static_cast<int>(tbb::this_task_arena::max_concurrency()));
-        auto* q = new JobQueueObject(threads);
+        const int threads = static_cast<int>(JobSystemThreadCount());
+        ReserveWorkers(0);
+        auto* q = new JobQueueObject(threads, tbb::task_arena::priority::normal, "default");
         std::atexit(&DrainDefaultQueueAtExit);
         return q;
     }();
@@ -130,7 +182,17 @@ void Cancel(JobObject* job) {
         std::lock_guard<std::mutex> lock(job->mutex);
         observers.swap(job->cancelledObservers);
     }
-    RunObservers(observers, job);
+    if (!observers.empty()) {
+        const CancelFrame frame{job, t_cancelFrames};
+        t_cancelFrames = &frame;
+        RunObservers(observers, job);
+        t_cancelFrames = frame.outer;
+    }
+    {
+        std::lock_guard<std::mutex> lock(job->mutex);
+        job->cancelObserversDone.store(true, std::memory_order_release);
+    }
+    job->finished.notify_all();
 }
 
 void Finish(JobObject* job, Result<void> result) {
@@ -144,13 +206,12 @@ void Finish(JobObject* job, Result<void> result) {
     job->finished.notify_all();
     RunObservers(observers, job);
     if (JobQueueObject* queue = job->queue.load(std::memory_order_acquire)) {
-        bool empty;
         {
             std::lock_guard<std::mutex> lock(queue->mutex);
             queue->live.erase(job);
-            empty = queue->live.empty();
         }
-        if (empty) queue->idle.notify_all();
+        // A waiter may wait for all jobs but those of its own thread: every end may be the last.
+        queue->idle.notify_all();
         RemoveJobReference(job);  // the queue's
     }
 }
@@ -167,6 +228,7 @@ bool TryRun(JobObject* job) {
         result = OperationCancelledError(QUORV_SOURCE_LOCATION);
     } else {
         JobObject* outer = std::exchange(t_currentJob, job);
+        job->outerOnThread = outer;
         try {
             result = job->function(job->user);
         } catch (...) {
@@ -317,42 +379,107 @@ Int GetExclusiveWaiterCount() { return g_exclusiveWaiters.load(std::memory_order
 
 // ---- queues ---------------------------------------------------------------------------------
 
-JobQueueObject* AllocQueue(JOBQUEUETYPE, Int threadCount, JOBQUEUEMODE, const char*,
+JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, const char* name,
                            const SourceLocation&) {
-    int threads = static_cast<int>(std::clamp<Int>(threadCount, 1, 256));
+    const int threads = static_cast<int>(std::clamp<Int>(threadCount, 1, 256));
+    // Low priority: the arena gets workers only when arenas of normal priority leave some idle.
+    const auto priority = type == JOBQUEUETYPE::LOWESTPRIORITY ? tbb::task_arena::priority::low
+                                                               : tbb::task_arena::priority::normal;
+    JobQueueObject* queue = nullptr;
     try {
-        return new JobQueueObject(threads);
+        queue = new JobQueueObject(threads, priority, name ? name : "");
     } catch (...) {
         return nullptr;
     }
+    ReserveWorkers(threads);
+    return queue;
+}
+
+// The jobs of the queue, each with a reference the caller drops. False when memory is short.
+bool SnapshotLive(JobQueueObject& q, std::vector<JobObject*>& jobs) {
+    std::lock_guard<std::mutex> lock(q.mutex);
+    try {
+        jobs.assign(q.live.begin(), q.live.end());
+    } catch (...) {
+        return false;
+    }
+    for (JobObject* j : jobs) AddJobReference(j);
+    return true;
 }
 
 void CancelQueue(JobQueueObject* queue) {
     JobQueueObject& q = queue ? *queue : DefaultQueue();
     std::vector<JobObject*> jobs;
-    {
-        std::lock_guard<std::mutex> lock(q.mutex);
-        for (JobObject* j : q.live) {
-            AddJobReference(j);
-            jobs.push_back(j);
+    if (SnapshotLive(q, jobs)) {
+        for (JobObject* j : jobs) {
+            Cancel(j);
+            RemoveJobReference(j);
         }
+        return;
     }
-    for (JobObject* j : jobs) {
-        Cancel(j);
-        RemoveJobReference(j);
+    // Short of memory: one job at a time, with no list (observers never run under the lock).
+    for (;;) {
+        JobObject* next = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(q.mutex);
+            for (JobObject* j : q.live) {
+                if (!j->cancelled.load(std::memory_order_acquire)) {
+                    next = j;
+                    AddJobReference(j);
+                    break;
+                }
+            }
+        }
+        if (!next) return;
+        Cancel(next);
+        RemoveJobReference(next);
     }
 }
 
+// True when `job` runs on the calling thread (its own job, or one a waiter of it ran inline).
+bool RunsOnThisThread(const JobObject* job) {
+    for (const JobObject* j = t_currentJob; j; j = j->outerOnThread) {
+        if (j == job) return true;
+    }
+    return false;
+}
+
+bool CancelObserversRunHere(const JobObject* job) {
+    for (const CancelFrame* f = t_cancelFrames; f; f = f->outer) {
+        if (f->job == job) return true;
+    }
+    return false;
+}
+
 void CancelAndWaitQueue(JobQueueObject* queue) {
-    CancelQueue(queue);
     JobQueueObject& q = queue ? *queue : DefaultQueue();
-    // Jobs cancelled before they started still pass through the arena (or a waiter) to end.
+    // A job whose first `Cancel` came from another thread may still be running its cancelled
+    // observers there: wait for them too (short of memory, for the jobs' ends only).
+    std::vector<JobObject*> jobs;
+    if (!SnapshotLive(q, jobs)) CancelQueue(&q);
+    for (JobObject* j : jobs) {
+        Cancel(j);
+        if (!CancelObserversRunHere(j)) {
+            std::unique_lock<std::mutex> lock(j->mutex);
+            j->finished.wait(
+                lock, [j] { return j->cancelObserversDone.load(std::memory_order_acquire); });
+        }
+        RemoveJobReference(j);
+    }
+    // Every job ends, its finished observers included, except the jobs of the calling thread:
+    // a job of this queue that cancels its own queue must not wait for itself. Jobs cancelled
+    // before they started still pass through the arena (or this thread) to end.
+    auto othersEnded = [&q] {
+        for (JobObject* j : q.live) {
+            if (!RunsOnThisThread(j)) return false;
+        }
+        return true;
+    };
     for (;;) {
         while (RunOnePending(q)) {
         }
         std::unique_lock<std::mutex> lock(q.mutex);
-        if (q.idle.wait_for(lock, std::chrono::milliseconds(2), [&] { return q.live.empty(); }))
-            return;
+        if (q.idle.wait_for(lock, std::chrono::milliseconds(2), othersEnded)) return;
     }
 }
 
@@ -362,6 +489,7 @@ void FreeQueue(JobQueueObject* queue) {
     // Arena tasks whose job a waiter ran still hold the queue; let them return first.
     while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
     queue->arena.terminate();
+    ReleaseWorkers(queue->threadCount);
     delete queue;
 }
 
@@ -396,6 +524,16 @@ const JobQueueInterface::Slots g_queueSlots{
 };
 
 }  // namespace
+
+Int JobSystemThreadCount() {
+    const Int n = g_jobSystemThreads.load(std::memory_order_acquire);
+    return n > 0 ? n : std::max(1, tbb::info::default_concurrency());
+}
+
+void SetJobSystemThreadCount(Int threadCount) {
+    g_jobSystemThreads.store(std::clamp<Int>(threadCount, 0, 1024), std::memory_order_release);
+    ReserveWorkers(0);
+}
 
 void RegisterJobService(Host& host) {
     host.RegisterService<ThreadServicesInterface>(g_threadSlots);

@@ -36,7 +36,26 @@ struct HostOptions {
     std::vector<std::string> withheldInterfaces;
     /// Echo critical messages to stderr (they are always kept in the critical log).
     bool echoCriticalOutput = true;
+    /// Width of the job system: workers of the default job queue and of parallel loops. 0 is
+    /// the machine's (its cores); more than the cores is allowed (to try thread rules on a
+    /// small machine). Private queues get their own threads beside these.
+    Int threadCount = 0;
+    /// Folder of the application's resources (translated texts in strings/LANGUAGE/ID.json).
+    /// Empty: the folder `resources` beside the folder of the running program, i.e.
+    /// `<program dir>/../resources` (build/<preset>/resources, or PREFIX/resources installed).
+    std::string resourceDirectory;
+    /// Language of translated texts; a text missing in it is taken from "en".
+    std::string language = "en";
+    /// Configuration assignments "name=value", applied to every binary (the host's own and
+    /// each module loaded later) after its records are bound and before its definitions run,
+    /// so that its initialisation sees them. Names no binary knows are found by
+    /// `CheckConfiguration` once the modules are loaded.
+    std::vector<std::string> configuration;
 };
+
+/// The resource folder in use: `HostOptions::resourceDirectory` of the started host, or the
+/// default beside the running program.
+QUORV_HOST_API std::string GetResourceDirectory();
 
 /// One loaded module (or the host's own binary).
 struct LoadedModule {
@@ -107,6 +126,10 @@ public:
     /// later. An unknown name or a bad value is an illegal-argument error naming it.
     Result<void> SetConfiguration(std::string_view assignment);
     std::vector<ConfigurationListing> ListConfiguration() const;
+    /// Checks every assignment made so far (`HostOptions::configuration` included): each must
+    /// be of the form name=value, name a variable of a loaded binary and hold a value of its
+    /// type; else an illegal-argument error naming the first that does not.
+    Result<void> CheckConfiguration() const;
 
     std::vector<RegistryListing> ListRegistries() const;
     std::vector<DataTypeListing> ListDataTypes() const;
