@@ -18,8 +18,12 @@ constexpr Float64 TWO_PI = 6.283185307179586;
 constexpr Float64 INV_4PI = 0.07957747154594767;
 constexpr Float64 DEGREES = 0.017453292519943295;
 
-inline Float64 Dot(const Vector64& a, const Vector64& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline Vector64 Add(const Vector64& a, const Vector64& b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+inline Float64 Dot(const Vector64& a, const Vector64& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+inline Vector64 Add(const Vector64& a, const Vector64& b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
 inline Vector64 Scale(const Vector64& a, Float64 s) { return {a.x * s, a.y * s, a.z * s}; }
 inline Vector64 Negate(const Vector64& a) { return {-a.x, -a.y, -a.z}; }
 inline Float64 Length(const Vector64& a) { return std::sqrt(Dot(a, a)); }
@@ -52,9 +56,7 @@ inline Int TableIndex(Float64 x) {
     return k > 999 ? 999 : k;
 }
 
-inline Int RowOf(Float64 roughness) {
-    return static_cast<Int>(Clamp(roughness, 0.0, 1.0) * 400.0);
-}
+inline Int RowOf(Float64 roughness) { return static_cast<Int>(Clamp(roughness, 0.0, 1.0) * 400.0); }
 
 // An entry of a table: the stored one, or computed and stored when unset.
 template <typename F>
@@ -337,9 +339,9 @@ public:
             return 0.0;
         }
         const Float64 c = std::fabs(h.z);
-        const Float64 p = c >= 0.9999999999999999
-                              ? 0.0
-                              : (_eU * (h.x * h.x) + _eV * (h.y * h.y)) / std::max(0.0, 1.0 - c * c);
+        const Float64 p = c >= 0.9999999999999999 ? 0.0
+                                                  : (_eU * (h.x * h.x) + _eV * (h.y * h.y)) /
+                                                        std::max(0.0, 1.0 - c * c);
         const Float64 b = std::pow(c, p) / TWO_PI;
         pdf = _normPlus1 * b;
         return b * _normPlus2;
@@ -388,22 +390,21 @@ private:
 
 }  // namespace
 
-std::unique_ptr<MicrofacetDistribution> MakeDistribution(DISTRIBUTIONKIND kind,
-                                                         Float64 roughness, Float64 anisotropy,
-                                                         SamplerCache* cache) {
+std::unique_ptr<MicrofacetDistribution> MakeDistribution(DISTRIBUTIONKIND kind, Float64 roughness,
+                                                         Float64 anisotropy, SamplerCache* cache) {
     switch (kind) {
         case DISTRIBUTIONKIND::BECKMANN:
             return std::unique_ptr<MicrofacetDistribution>(
                 new (std::nothrow) BeckmannDistribution(roughness, cache));
         case DISTRIBUTIONKIND::GGX:
-            return std::unique_ptr<MicrofacetDistribution>(
-                new (std::nothrow) GGXDistribution(roughness, cache));
+            return std::unique_ptr<MicrofacetDistribution>(new (std::nothrow)
+                                                               GGXDistribution(roughness, cache));
         case DISTRIBUTIONKIND::PHONG:
             return std::unique_ptr<MicrofacetDistribution>(new (std::nothrow)
                                                                PhongDistribution(roughness));
         case DISTRIBUTIONKIND::WARD:
-            return std::unique_ptr<MicrofacetDistribution>(
-                new (std::nothrow) WardDistribution(roughness, cache));
+            return std::unique_ptr<MicrofacetDistribution>(new (std::nothrow)
+                                                               WardDistribution(roughness, cache));
         case DISTRIBUTIONKIND::ANISOTROPIC:
             return std::unique_ptr<MicrofacetDistribution>(
                 new (std::nothrow) AnisotropicDistribution(roughness, anisotropy));
@@ -489,8 +490,8 @@ Float64 OrenNayarBxDF::Value(const Vector64& o, const Vector64& i) const {
     return v + (1.0 - cosDelta * x2) * _interreflection;
 }
 
-Color64 OrenNayarBxDF::SampleF(const Vector64& wo, const Vector64&,
-                               const BSDFCachedSample& sample, Vector64& wi, Float64& pdf) {
+Color64 OrenNayarBxDF::SampleF(const Vector64& wo, const Vector64&, const BSDFCachedSample& sample,
+                               Vector64& wi, Float64& pdf) {
     wi = CosineDirection(sample);
     pdf = CosinePdf(wi.z);
     if (std::fabs(wi.z) < 1e-10) return Black();
@@ -573,8 +574,8 @@ Float64 BlurrySimpleBxDF::ComputeAngle(const BSDFCachedSample& sample) {
     return static_cast<Float64>((e1 - e0) * f + e0);
 }
 
-BlurrySpecularBxDF::BlurrySpecularBxDF(Bool reflectedLobe, Float64 roughness,
-                                       Float64 falloffShift, Float64 falloffPower)
+BlurrySpecularBxDF::BlurrySpecularBxDF(Bool reflectedLobe, Float64 roughness, Float64 falloffShift,
+                                       Float64 falloffPower)
     : _reflectedLobe(reflectedLobe) {
     const Float64 t = roughness * roughness * roughness + 0.0001;
     _exponent = 2.0 / t;
@@ -902,9 +903,9 @@ public:
         if (p.variationScale > 0.0 && amount > 0.0 && variation > 0.0) {
             Float64 s;
             if (useVariation) {
-                const Float64 n = ClothTurbulenceLegacy(centre.x * p.variationScale,
-                                                        centre.y * p.variationScale,
-                                                        0.0 * p.variationScale, 4.0, false);
+                const Float64 n =
+                    ClothTurbulenceLegacy(centre.x * p.variationScale, centre.y * p.variationScale,
+                                          0.0 * p.variationScale, 4.0, false);
                 s = Clamp(2.0 * n * variation, -0.9, 1.0) * amount;
                 variationState = s;
             } else {
@@ -949,7 +950,8 @@ public:
                           t * (-0.00157565 +
                                t * (0.00916281 +
                                     t * (-0.02057706 +
-                                         t * (0.02635537 + t * (-0.01647633 + t * 0.00392377)))))))) *
+                                         t * (0.02635537 +
+                                              t * (-0.01647633 + t * 0.00392377)))))))) *
                std::exp(ax) / std::sqrt(ax);
     }
 
@@ -981,7 +983,8 @@ public:
         }
         if (c < 0.0) {
             const Float64 y = tu * c;
-            const Float64 z = y <= -1.0 ? -4.0 : (y > 1.0 ? 4.0 : 0.5 * std::log((y + 1.0) / (1.0 - y)));
+            const Float64 z =
+                y <= -1.0 ? -4.0 : (y > 1.0 ? 4.0 : 0.5 * std::log((y + 1.0) / (1.0 - y)));
             const Float64 a = (l - r * std::sin(um)) / std::sinh(-z);
             const Float64 b = a / c;
             const Float64 w = -std::atan(c * std::tan(u));
@@ -1003,7 +1006,8 @@ public:
         const Float64 uh = std::atan2(h.y, h.z);
         if (std::fabs(uh - uv.x) >= um * blur) return 0.0;
         const Float64 v = uv.y;
-        const Vector64 n = Normalized({std::sin(v), std::cos(v) * std::sin(uh), std::cos(v) * std::cos(uh)});
+        const Vector64 n =
+            Normalized({std::sin(v), std::cos(v) * std::sin(uh), std::cos(v) * std::cos(uh)});
         const Vector64 m = Normalized({0.0, std::sin(uh), std::cos(uh)});
         const Float64 cap = (1.0 - smoothing) * um;
         const Float64 radius = RadiusOfCurvature(std::min(std::fabs(uh), cap), cap);
@@ -1066,33 +1070,31 @@ struct PresetData {
 };
 
 constexpr Int32 TABLE0[] = {1, 3, 8, 1, 3, 5, 1, 7, 5, 1, 4, 5, 6, 4, 5, 2, 4, 5};
-constexpr Int32 TABLE1[] = {7, 2, 4, 6, 7, 2, 4, 6, 1, 8, 4, 6, 1, 8, 4,  6,
+constexpr Int32 TABLE1[] = {7, 2, 4, 6, 7, 2, 4, 6, 1, 8, 4, 6,  1, 8, 4, 6,
                             1, 3, 9, 6, 1, 3, 9, 6, 1, 3, 5, 10, 1, 3, 5, 10};
 constexpr Int32 TABLE2[] = {3, 2, 1, 4};
-constexpr Int32 TABLE3[] = {10, 2, 4, 6,  8, 1, 2, 4, 6, 8,  1, 2, 4, 13, 8, 1, 2,
-                            4,  7, 8, 1,  11, 4, 7, 8, 1, 3, 4, 7, 8, 1, 3,  4, 7,
-                            14, 1, 3, 4,  7, 9, 1, 3, 12, 7, 9, 1, 3, 5, 7,  9};
+constexpr Int32 TABLE3[] = {10, 2, 4, 6, 8,  1, 2, 4, 6,  8, 1, 2, 4, 13, 8, 1, 2,
+                            4,  7, 8, 1, 11, 4, 7, 8, 1,  3, 4, 7, 8, 1,  3, 4, 7,
+                            14, 1, 3, 4, 7,  9, 1, 3, 12, 7, 9, 1, 3, 5,  7, 9};
 constexpr Int32 TABLE4[] = {3, 3, 3, 3, 2, 2, 3, 3, 3, 3, 2, 2, 3, 3, 3, 3, 2, 2, 3, 3, 3, 3, 2, 2,
                             4, 1, 1, 5, 5, 5, 4, 1, 1, 5, 5, 5, 4, 1, 1, 5, 5, 5, 4, 1, 1, 5, 5, 5};
 constexpr Int32 TABLE5[] = {1, 1, 2, 2, 7, 7, 1, 1, 2, 2, 7, 7, 1, 1, 2, 2, 7, 7,
                             1, 1, 6, 6, 4, 4, 1, 1, 6, 6, 4, 4, 1, 1, 6, 6, 4, 4,
                             5, 5, 3, 3, 4, 4, 5, 5, 3, 3, 4, 4, 5, 5, 3, 3, 4, 4};
 
-constexpr Float64 CENTRES0[][2] = {{0.1667, 0.75},  {0.1667, -0.25}, {0.5, 1.0833},
-                                   {0.5, 0.0833},   {0.8333, 0.4167}, {0.1667, 0.25},
-                                   {0.5, 0.5833},   {0.8333, 0.9167}};
-constexpr Float64 CENTRES1[][2] = {{0.125, 0.375}, {0.375, 1.125}, {0.375, 0.125},
-                                   {0.625, 0.875}, {0.625, -0.125}, {0.875, 0.625},
-                                   {0.125, 0.875}, {0.375, 0.625}, {0.625, 0.375},
-                                   {0.875, 0.125}};
+constexpr Float64 CENTRES0[][2] = {{0.1667, 0.75}, {0.1667, -0.25},  {0.5, 1.0833},
+                                   {0.5, 0.0833},  {0.8333, 0.4167}, {0.1667, 0.25},
+                                   {0.5, 0.5833},  {0.8333, 0.9167}};
+constexpr Float64 CENTRES1[][2] = {{0.125, 0.375},  {0.375, 1.125}, {0.375, 0.125}, {0.625, 0.875},
+                                   {0.625, -0.125}, {0.875, 0.625}, {0.125, 0.875}, {0.375, 0.625},
+                                   {0.625, 0.375},  {0.875, 0.125}};
 constexpr Float64 CENTRES2[][2] = {{0.25, 0.25}, {0.75, 0.75}, {0.25, 0.75}, {0.75, 0.25}};
-constexpr Float64 CENTRES3[][2] = {{0.1, 0.45}, {0.3, 1.05}, {0.3, 0.05}, {0.5, 0.65},
-                                   {0.5, -0.35}, {0.7, 1.25}, {0.7, 0.25}, {0.9, 0.85},
-                                   {0.9, -0.15}, {0.1, 0.95}, {0.3, 0.55}, {0.5, 0.15},
-                                   {0.7, 0.75}, {0.9, 0.35}};
-constexpr Float64 CENTRES4[][2] = {{0.3333, 0.25}, {0.8333, 0.75}, {0.3333, 0.75},
-                                   {-0.1667, 0.25}, {0.8333, 0.25}};
-constexpr Float64 CENTRES5[][2] = {{0.167, 0.667}, {0.5, 1}, {0.5, 0}, {0.833, 0.333},
+constexpr Float64 CENTRES3[][2] = {
+    {0.1, 0.45}, {0.3, 1.05},  {0.3, 0.05}, {0.5, 0.65}, {0.5, -0.35}, {0.7, 1.25}, {0.7, 0.25},
+    {0.9, 0.85}, {0.9, -0.15}, {0.1, 0.95}, {0.3, 0.55}, {0.5, 0.15},  {0.7, 0.75}, {0.9, 0.35}};
+constexpr Float64 CENTRES4[][2] = {
+    {0.3333, 0.25}, {0.8333, 0.75}, {0.3333, 0.75}, {-0.1667, 0.25}, {0.8333, 0.25}};
+constexpr Float64 CENTRES5[][2] = {{0.167, 0.667}, {0.5, 1},   {0.5, 0},      {0.833, 0.333},
                                    {0.167, 0.167}, {0.5, 0.5}, {0.833, 0.833}};
 
 const PresetData PRESETS[6] = {
@@ -1137,18 +1139,18 @@ Result<void> ClothPatternLegacy::SetupPattern(UInt32 preset) {
                                                        k.length, p.centres[i][0], p.centres[i][1]);
         // A yarn that could not be made stays a gap.
         if (!_yarns[i] && result.IsOk()) {
-            result = MakeError(ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION,
-                               FormatMessage("XRClothWeavePattern::SetupPattern error: @",
-                                             {"out of memory"}));
+            result = MakeError(
+                ERRORKIND::OUTOFMEMORY, QUORV_SOURCE_LOCATION,
+                FormatMessage("XRClothWeavePattern::SetupPattern error: @", {"out of memory"}));
         }
     }
     _yarnCount = p.yarnCount;
     return result;
 }
 
-void ClothPatternLegacy::SetupCloth(Int32 quality, Float64 a, Float64 b, Float64 s,
-                                    Float64 iv, Float64 fineness, Float64 warpVar,
-                                    Float64 weftVar, Float64 scale) {
+void ClothPatternLegacy::SetupCloth(Int32 quality, Float64 a, Float64 b, Float64 s, Float64 iv,
+                                    Float64 fineness, Float64 warpVar, Float64 weftVar,
+                                    Float64 scale) {
     alpha = a;
     beta = b;
     smoothing = Clamp(s, 0.0, 0.99);
@@ -1242,8 +1244,7 @@ Color64 IrawanBxDF::ComputeF_UVW(const Vector64& wo, const Vector64& wi, const V
         const Vector64 woS = woR.z < 0.0 ? Negate(woR) : woR;
         const Vector2d64 area{pattern->warpArea, pattern->weftArea};
         const Vector2d64 scattering{pattern->alpha, pattern->beta};
-        Float64 f = yarn->Evaluate(wiS, woS, uv, scattering, area, umax, _blur,
-                                   pattern->smoothing);
+        Float64 f = yarn->Evaluate(wiS, woS, uv, scattering, area, umax, _blur, pattern->smoothing);
         f = ratio * f * weight;
         f = f + f;
         const Color64& spec = yarn->type == 0 ? _setup.warpSpecular : _setup.weftSpecular;

@@ -109,9 +109,8 @@ enum class DISTRIBUTIONKIND : Int32 { BECKMANN = 2, GGX = 3, PHONG = 4, WARD = 5
 
 /// A distribution of `kind` for `roughness` (and `anisotropy` for the anisotropic kind); `cache`
 /// is read by Beckmann, GGX and Ward only. Null when out of memory.
-std::unique_ptr<MicrofacetDistribution> MakeDistribution(DISTRIBUTIONKIND kind,
-                                                         Float64 roughness, Float64 anisotropy,
-                                                         SamplerCache* cache);
+std::unique_ptr<MicrofacetDistribution> MakeDistribution(DISTRIBUTIONKIND kind, Float64 roughness,
+                                                         Float64 anisotropy, SamplerCache* cache);
 
 /// Torrance-style reflection (`transmit` false) or refraction between indices 1.0 and 1.5.
 class BlurryTorranceBxDF final : public BxDF {
@@ -145,8 +144,8 @@ public:
                     Float64 weftVariation, Float64 variationScale);
     /// The yarn at (u, v) with its coordinates, or null in a gap.
     const ClothYarnLegacy* GetYarn(Float64 u, Float64 v, Vector2d64& uvOut, Float64& umaxOut,
-                                   Float64& weightOut, Float64& variationState,
-                                   Bool useVariation, Float64 amount) const;
+                                   Float64& weightOut, Float64& variationState, Bool useVariation,
+                                   Float64 amount) const;
 
     Float64 specularRatio = 0.0;
     Float64 repeatU = 0.0, repeatV = 0.0;

@@ -81,12 +81,11 @@ const CaseSpec CASES[] = {
     {"Irawan BSDF cloth preset 6", FAMILY::IRAWAN, 5, false, false, S},
     {"BlurrySimple BSDF without cache", FAMILY::BLURRYSIMPLE, 0, false, false, S},
     {"BlurrySimple BSDF with cache", FAMILY::BLURRYSIMPLE, 0, true, false, S},
-    {"BlurryTorrance BSDF without cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN,
-     false, false, S},
+    {"BlurryTorrance BSDF without cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN, false,
+     false, S},
     {"BlurryTorrance BSDF with cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN, true,
      false, S},
-    {"BlurryTorrance BSDF without cache: GGX distribution", FAMILY::TORRANCE, GGX, false, false,
-     S},
+    {"BlurryTorrance BSDF without cache: GGX distribution", FAMILY::TORRANCE, GGX, false, false, S},
     {"BlurryTorrance BSDF with cache: GGX distribution", FAMILY::TORRANCE, GGX, true, false, S},
     {"BlurryTorrance BSDF: Phong distribution", FAMILY::TORRANCE, PHONG, false, false, S},
     {"BlurryTorrance BSDF without cache: Ward distribution", FAMILY::TORRANCE, WARD, false, false,
@@ -99,8 +98,8 @@ const CaseSpec CASES[] = {
     {"BlurrySpecular BSDF", FAMILY::BLURRYSPECULAR, 0, false, false, S},
     {"BlurrySpecular BSDF: reflected lobe with shaped falloff", FAMILY::BLURRYSPECULAR, 1, false,
      false, S},
-    {"BlurryTorrance BTDF without cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN,
-     false, true, S},
+    {"BlurryTorrance BTDF without cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN, false,
+     true, S},
     {"BlurryTorrance BTDF with cache: Beckmann distribution", FAMILY::TORRANCE, BECKMANN, true,
      true, S},
     {"BlurryTorrance BTDF without cache: GGX distribution", FAMILY::TORRANCE, GGX, false, true, S},
@@ -252,11 +251,12 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
             Result<ClothWeavePatternRef> pattern = ClothWeavePatternRef::Create();
             if (pattern.IsError()) return pattern.GetError();
             cloth.pattern = pattern.GetValue();
-            QUORV_RETURN_IF_ERROR(ClothWeavePatternInterface::SetupPattern(cloth.pattern.Get(), preset));
-            ClothWeavePatternInterface::SetupCloth(
-                cloth.pattern.Get(), CLOTH_QUALITY, CLOTH_ALPHA, CLOTH_BETA, CLOTH_SMOOTHING,
-                CLOTH_VARIATION, CLOTH_FINENESS, CLOTH_VARIATION, CLOTH_VARIATION,
-                CLOTH_VARIATION_SCALE);
+            QUORV_RETURN_IF_ERROR(
+                ClothWeavePatternInterface::SetupPattern(cloth.pattern.Get(), preset));
+            ClothWeavePatternInterface::SetupCloth(cloth.pattern.Get(), CLOTH_QUALITY, CLOTH_ALPHA,
+                                                   CLOTH_BETA, CLOTH_SMOOTHING, CLOTH_VARIATION,
+                                                   CLOTH_FINENESS, CLOTH_VARIATION, CLOTH_VARIATION,
+                                                   CLOTH_VARIATION_SCALE);
             cloth.warpDiffuse = WARP_DIFFUSE;
             cloth.warpSpecular = WARP_SPECULAR;
             cloth.weftDiffuse = WEFT_DIFFUSE;
@@ -268,10 +268,9 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
             objects.olderPattern.reset(new (std::nothrow) legacy::ClothPatternLegacy());
             if (!objects.olderPattern) return OutOfMemory();
             QUORV_RETURN_IF_ERROR(objects.olderPattern->SetupPattern(preset));
-            objects.olderPattern->SetupCloth(CLOTH_QUALITY, CLOTH_ALPHA, CLOTH_BETA,
-                                             CLOTH_SMOOTHING, CLOTH_VARIATION, CLOTH_FINENESS,
-                                             CLOTH_VARIATION, CLOTH_VARIATION,
-                                             CLOTH_VARIATION_SCALE);
+            objects.olderPattern->SetupCloth(
+                CLOTH_QUALITY, CLOTH_ALPHA, CLOTH_BETA, CLOTH_SMOOTHING, CLOTH_VARIATION,
+                CLOTH_FINENESS, CLOTH_VARIATION, CLOTH_VARIATION, CLOTH_VARIATION_SCALE);
             legacy::IrawanSetupLegacy setup;
             setup.warpDiffuse = WARP_DIFFUSE;
             setup.warpSpecular = WARP_SPECULAR;
@@ -510,9 +509,10 @@ Result<void> RunTiming(const DataDictionary& settings, const UnitTestSink& sink,
         sampleSize = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_SAMPLE_SIZE), sampleSize);
         iterations = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_ITERATIONS), iterations);
         if (sampleSize < 1 || iterations < 1) {
-            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                             FormatMessage("Sample size @ and iterations @ must be positive",
-                                           {std::to_string(sampleSize), std::to_string(iterations)}));
+            return MakeError(
+                ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                FormatMessage("Sample size @ and iterations @ must be positive",
+                              {std::to_string(sampleSize), std::to_string(iterations)}));
         }
         const Int only = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_CASE), -1);
         if (only >= STANDARD_CASE_COUNT) {
@@ -561,8 +561,8 @@ Result<void> RunTiming(const DataDictionary& settings, const UnitTestSink& sink,
             for (const Run& run : runs) {
                 Float64 last = 0.0;
                 if (run.older) {
-                    TimeRun(*o.older, run.op, table.GetValue(), sampleSize, iterations,
-                            statistics, samples, last);
+                    TimeRun(*o.older, run.op, table.GetValue(), sampleSize, iterations, statistics,
+                            samples, last);
                 } else {
                     TimeRun(handle, run.op, table.GetValue(), sampleSize, iterations, statistics,
                             samples, last);
@@ -609,11 +609,11 @@ struct BSDFSpeedTestImpl {
 
 ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadictionary.h"}});
 SimpleClass<BSDFUnitTestImpl, UnitTestInterface> g_unitTestClass(g_unit, BSDF_UNITTEST_CLASS_ID,
-                                                                  UNITTEST_CLASS_REGISTRY_ID,
-                                                                  __FILE__);
+                                                                 UNITTEST_CLASS_REGISTRY_ID,
+                                                                 __FILE__);
 SimpleClass<BSDFSpeedTestImpl, UnitTestInterface> g_speedTestClass(g_unit, BSDF_SPEEDTEST_CLASS_ID,
-                                                                    SPEEDTEST_CLASS_REGISTRY_ID,
-                                                                    __FILE__);
+                                                                   SPEEDTEST_CLASS_REGISTRY_ID,
+                                                                   __FILE__);
 const bool g_configured =
     (AddConfigurationVariable("g_runUnitTestRenderStatistics", &g_runUnitTestRenderStatistics,
                               "Run render unittest statistics", CONFIGTYPE::BOOL, "false"),

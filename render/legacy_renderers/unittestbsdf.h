@@ -100,8 +100,8 @@ std::string CompareCase(COMPAREMODE mode, legacy::BxDF& older, legacy::BxDF& cur
 std::string VectorToString(const Vector64& v);
 
 /// Lets a test replace the registered class of case `index` (by a wrapper around it).
-using CurrentWrapper = std::function<std::unique_ptr<legacy::BxDF>(
-    Int index, std::unique_ptr<legacy::BxDF> current)>;
+using CurrentWrapper =
+    std::function<std::unique_ptr<legacy::BxDF>(Int index, std::unique_ptr<legacy::BxDF> current)>;
 
 /// The comparison run: the cases selected by `settings` in order, a report each; the first
 /// failure ends the run with its message as an illegal-state error.

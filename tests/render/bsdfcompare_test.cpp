@@ -4,13 +4,13 @@
 // statistics on a clock the test steps. White-box: the module's sources are linked in.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
-#include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/test_support.h"
@@ -52,7 +52,8 @@ DataDictionary Settings(std::initializer_list<std::pair<Int32, Int>> ints, bool 
         EXPECT_TRUE(d.SetData(DataDictionaryKey(key), Data::Of<Int>(value)).IsOk());
     }
     if (all) {
-        EXPECT_TRUE(d.SetData(DataDictionaryKey(UNITTEST_SETTING_ALL), Data::Of<Bool>(true)).IsOk());
+        EXPECT_TRUE(
+            d.SetData(DataDictionaryKey(UNITTEST_SETTING_ALL), Data::Of<Bool>(true)).IsOk());
     }
     return d;
 }
@@ -246,8 +247,8 @@ TEST(BSDFComparison, ModesDoNotPassForOneAnother) {
             for (bool olderCached : {false, true}) {
                 auto currentCache = std::make_unique<SamplerCache>();
                 auto olderCache = std::make_unique<SamplerCache>();
-                BSDFLegacyRef b = test::MakeInstance<BSDFLegacyInterface>(
-                    BSDF_LEGACY_CLASS_REGISTRY_ID, k.id);
+                BSDFLegacyRef b =
+                    test::MakeInstance<BSDFLegacyInterface>(BSDF_LEGACY_CLASS_REGISTRY_ID, k.id);
                 ASSERT_TRUE(b.Init(RoughnessWithCache(currentCached ? currentCache.get() : nullptr),
                                    nullptr)
                                 .IsOk());
@@ -257,9 +258,8 @@ TEST(BSDFComparison, ModesDoNotPassForOneAnother) {
                     legacy::MakeDistribution(k.kind, 0.7, 0.3,
                                              olderCached ? olderCache.get() : nullptr),
                     transmit);
-                const std::string m =
-                    bsdftest::CompareCase(bsdftest::COMPAREMODE::SAMPLE, older, current,
-                                          table.GetValue());
+                const std::string m = bsdftest::CompareCase(bsdftest::COMPAREMODE::SAMPLE, older,
+                                                            current, table.GetValue());
                 if (currentCached == olderCached) {
                     EXPECT_EQ(m, "") << k.id << " cached " << currentCached;
                 } else {
@@ -326,8 +326,8 @@ TEST(BSDFComparison, ACaseAloneEqualsItsPlaceInTheFullRun) {
             << CaseLabels()[index];
     }
     Collected none;
-    EXPECT_TRUE(bsdftest::RunComparison(Settings({{UNITTEST_SETTING_CASE, 1000}}), SinkOf(none))
-                    .IsError());
+    EXPECT_TRUE(
+        bsdftest::RunComparison(Settings({{UNITTEST_SETTING_CASE, 1000}}), SinkOf(none)).IsError());
 }
 
 // ---- timing -------------------------------------------------------------------------------
@@ -360,9 +360,9 @@ TEST(BSDFTiming, StatisticsOfAFixedStepAndTheHeader) {
     g_now = 0;
     host::SetTimerSource(&SteppingClock);
     Collected c;
-    ASSERT_TRUE(bsdftest::RunTiming(Settings({{UNITTEST_SETTING_SAMPLE_SIZE, 3},
-                                              {UNITTEST_SETTING_ITERATIONS, 2}}),
-                                    SinkOf(c), true)
+    ASSERT_TRUE(bsdftest::RunTiming(
+                    Settings({{UNITTEST_SETTING_SAMPLE_SIZE, 3}, {UNITTEST_SETTING_ITERATIONS, 2}}),
+                    SinkOf(c), true)
                     .IsOk());
     ASSERT_EQ(static_cast<Int>(c.labels.size()), STANDARD_COUNT * 4);
     ASSERT_EQ(static_cast<Int>(text.lines.size()), 5 + STANDARD_COUNT * 4);
@@ -381,8 +381,8 @@ TEST(BSDFTiming, StatisticsOfAFixedStepAndTheHeader) {
         EXPECT_EQ(c.raw[i].variance, 0.0);
         EXPECT_EQ(c.raw[i].stddev, 0.0);
         EXPECT_EQ(c.raw[i].iterations, 2);
-        EXPECT_EQ(text.lines[5 + i], label + ": " + bsdftest::FormatStatistics(
-                                                        {c.raw[i].mean, 0.0, 0.0}));
+        EXPECT_EQ(text.lines[5 + i],
+                  label + ": " + bsdftest::FormatStatistics({c.raw[i].mean, 0.0, 0.0}));
     }
 }
 
@@ -417,7 +417,8 @@ TEST(BSDFTiming, AKnownSeriesGivesTheSampleVariance) {
     EXPECT_EQ(std::strtod(end + 2, &end), c.raw[0].stddev);
     EXPECT_EQ(*end, '\0');
 
-    const bsdftest::Statistics one = bsdftest::ComputeStatistics(std::vector<Float64>{5.0}.data(), 1);
+    const bsdftest::Statistics one =
+        bsdftest::ComputeStatistics(std::vector<Float64>{5.0}.data(), 1);
     EXPECT_EQ(one.mean, 5.0);
     EXPECT_EQ(one.variance, 0.0);
 }
@@ -454,7 +455,8 @@ TEST(TestClassRunner, FindsTheClassesByIdAndRefusesUnknownOnes) {
     Result<void> r = host::RunTestClass(UNITTEST_CLASS_REGISTRY_ID, "net.quorv.unittest.none",
                                         Settings({}), reports);
     ASSERT_TRUE(r.IsError());
-    EXPECT_NE(ErrorToString(r.GetErrorPointer()).find("net.quorv.unittest.none"), std::string::npos);
+    EXPECT_NE(ErrorToString(r.GetErrorPointer()).find("net.quorv.unittest.none"),
+              std::string::npos);
 
     // One case through the runner: the report is copied out whole.
     r = host::RunTestClass(UNITTEST_CLASS_REGISTRY_ID, BSDF_UNITTEST_CLASS_ID,

@@ -1,8 +1,8 @@
 // quorv unittest / quorv speedtest: the module's test classes, run by id through the host's
 // runner.
-#include <cstdio>
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <map>
 #include <memory>
 
@@ -38,7 +38,8 @@ Result<DataDictionary> MakeSettings(const TestOptions& o) {
     if (o.iterations > 0) {
         QUORV_RETURN_IF_ERROR(set(UNITTEST_SETTING_ITERATIONS, Data::Of<Int>(o.iterations)));
     }
-    if (o.caseIndex >= 0) QUORV_RETURN_IF_ERROR(set(UNITTEST_SETTING_CASE, Data::Of<Int>(o.caseIndex)));
+    if (o.caseIndex >= 0)
+        QUORV_RETURN_IF_ERROR(set(UNITTEST_SETTING_CASE, Data::Of<Int>(o.caseIndex)));
     return d;
 }
 
@@ -66,16 +67,17 @@ int RunUnitTest(const GlobalOptions& options, const TestOptions& o) {
     // Each case is printed as it ends: a long run shows its progress.
     auto print = [&](const host::TestReport& r) {
         if (o.json) {
-            written = written && WriteOutputLine(Line(
-                                     Json{{"label", r.label}, {"passed", r.passed}, {"message", r.message}}));
+            written =
+                written && WriteOutputLine(Line(Json{
+                               {"label", r.label}, {"passed", r.passed}, {"message", r.message}}));
         } else {
             written = written && WriteOutputLine(r.passed ? r.label + "  passed"
                                                           : r.label + "  FAILED: " + r.message);
         }
         std::fflush(stdout);
     };
-    Result<void> run = host::RunTestClass(UNITTEST_CLASS_REGISTRY_ID, o.id, settings.GetValue(),
-                                          reports, print);
+    Result<void> run =
+        host::RunTestClass(UNITTEST_CLASS_REGISTRY_ID, o.id, settings.GetValue(), reports, print);
     if (!written) return 1;
     const bool caseFailed =
         std::any_of(reports.begin(), reports.end(), [](const auto& r) { return !r.passed; });
@@ -120,8 +122,8 @@ int RunSpeedTest(const GlobalOptions& options, const TestOptions& o) {
         written = written && WriteOutputLine(Line(j));
         std::fflush(stdout);
     };
-    Result<void> run = host::RunTestClass(SPEEDTEST_CLASS_REGISTRY_ID, o.id, settings.GetValue(),
-                                          reports, print);
+    Result<void> run =
+        host::RunTestClass(SPEEDTEST_CLASS_REGISTRY_ID, o.id, settings.GetValue(), reports, print);
     host::SetTextOutputSink({});
     if (run.IsError()) return Fail(run);
     if (!written) return 1;
@@ -148,8 +150,8 @@ int RunSpeedTest(const GlobalOptions& options, const TestOptions& o) {
     std::snprintf(line, sizeof(line), "%-58s %10s %10s %6s %10s %10s %6s", "case (ns per call)",
                   "Legacy", "Horizona", "ratio", "Legacy", "Horizona", "ratio");
     if (!WriteOutputLine(line)) return 1;
-    std::snprintf(line, sizeof(line), "%-58s %10s %10s %6s %10s %10s %6s", "", "SampleF",
-                  "SampleF", "", "ComputeBSDF", "ComputeBSDF", "");
+    std::snprintf(line, sizeof(line), "%-58s %10s %10s %6s %10s %10s %6s", "", "SampleF", "SampleF",
+                  "", "ComputeBSDF", "ComputeBSDF", "");
     if (!WriteOutputLine(line)) return 1;
     for (const std::string& c : cases) {
         const auto& t = times[c];
@@ -177,10 +179,10 @@ void AddUnitTestCommand(CLI::App& app, const GlobalOptions& options, std::functi
         run = [&options, o] { return ListClasses(options, UNITTEST_CLASS_REGISTRY_ID, o->json); };
     });
 
-    CLI::App* r = cmd->add_subcommand(
-        "run",
-        "Run a comparison class: a line per case, \"LABEL  passed\" or \"LABEL  FAILED: message\";\n"
-        "exit 1 on a failure");
+    CLI::App* r = cmd->add_subcommand("run",
+                                      "Run a comparison class: a line per case, \"LABEL  passed\" "
+                                      "or \"LABEL  FAILED: message\";\n"
+                                      "exit 1 on a failure");
     r->add_option("ID", o->id, "Class id, e.g. net.quorv.unittest.bsdftest")->required();
     r->add_flag("--all", o->all, "Also the cases beyond the standard list");
     r->add_option("--case", o->caseIndex, "Only the case at this 0-based position of the full list")
@@ -215,8 +217,7 @@ void AddSpeedTestCommand(CLI::App& app, const GlobalOptions& options, std::funct
         ->check(CLI::PositiveNumber);
     r->add_option("--case", o->caseIndex, "Only the case at this 0-based position")
         ->check(CLI::NonNegativeNumber);
-    r->add_flag("--json",
-                o->json,
+    r->add_flag("--json", o->json,
                 "A JSON line per run: {\"label\",\"mean\",\"variance\",\"stddev\"} in ms with\n"
                 "statistics, else {\"label\",\"time\"}");
     r->callback([&options, &run, o] { run = [&options, o] { return RunSpeedTest(options, *o); }; });

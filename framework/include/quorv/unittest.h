@@ -47,16 +47,16 @@ constexpr Int32 UNITTEST_SETTING_CASE = 4;
 
 /// One report. The texts and the samples are valid only during the sink's call.
 struct UnitTestReport {
-    const char* label = "";     ///< case label, or case label and run suffix for a timing
-    Bool passed = true;         ///< false: `message` tells why
-    const char* message = "";   ///< failure message; empty when passed
-    Int iterations = 0;         ///< calls per timed sample (timings); 0 for comparisons
-    Int sampleCount = 0;        ///< stored timed samples; 0 with statistics off
+    const char* label = "";            ///< case label, or case label and run suffix for a timing
+    Bool passed = true;                ///< false: `message` tells why
+    const char* message = "";          ///< failure message; empty when passed
+    Int iterations = 0;                ///< calls per timed sample (timings); 0 for comparisons
+    Int sampleCount = 0;               ///< stored timed samples; 0 with statistics off
     const Float64* samples = nullptr;  ///< the stored samples in ms, `sampleCount` of them
-    Float64 mean = 0.0;         ///< ms; statistics on only
-    Float64 variance = 0.0;     ///< ms^2, over n - 1; statistics on only
-    Float64 stddev = 0.0;       ///< ms; statistics on only
-    Float64 time = 0.0;         ///< ms of the last timed sample (timings)
+    Float64 mean = 0.0;                ///< ms; statistics on only
+    Float64 variance = 0.0;            ///< ms^2, over n - 1; statistics on only
+    Float64 stddev = 0.0;              ///< ms; statistics on only
+    Float64 time = 0.0;                ///< ms of the last timed sample (timings)
 };
 
 /// Where reports go: a function and the caller's word.

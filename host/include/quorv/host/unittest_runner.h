@@ -34,10 +34,8 @@ QUORV_HOST_API std::vector<std::string> ListTestClasses(const char* registry);
 /// `reports` as they arrive; `onReport`, when set, sees each one as soon as it is kept. The
 /// result is the run's: an unknown id or a class without the test interface is an
 /// illegal-argument error naming it; a failed case ends the run with its message.
-QUORV_HOST_API Result<void> RunTestClass(const char* registry, const std::string& id,
-                                         const DataDictionary& settings,
-                                         std::vector<TestReport>& reports,
-                                         const std::function<void(const TestReport&)>& onReport =
-                                             {});
+QUORV_HOST_API Result<void> RunTestClass(
+    const char* registry, const std::string& id, const DataDictionary& settings,
+    std::vector<TestReport>& reports, const std::function<void(const TestReport&)>& onReport = {});
 
 }  // namespace quorv::host
