@@ -1247,11 +1247,11 @@ Color64 IrawanBxDF::ComputeF_UVW(const Vector64& wo, const Vector64& wi, const V
         Float64 f = yarn->Evaluate(wiS, woS, uv, scattering, area, umax, _blur, pattern->smoothing);
         f = ratio * f * weight;
         f = f + f;
-        const Color64& spec = yarn->type == 0 ? _setup.warpSpecular : _setup.weftSpecular;
+        const Color64& specular = yarn->type == 0 ? _setup.warpSpecular : _setup.weftSpecular;
         const Color64& diffuse = yarn->type == 0 ? _setup.warpDiffuse : _setup.weftDiffuse;
-        sum.r += f * spec.r + diffuse.r;
-        sum.g += f * spec.g + diffuse.g;
-        sum.b += f * spec.b + diffuse.b;
+        sum.r += f * specular.r + diffuse.r;
+        sum.g += f * specular.g + diffuse.g;
+        sum.b += f * specular.b + diffuse.b;
     }
     const Float64 k = static_cast<Float64>(count + 1);
     return {sum.r / k, sum.g / k, sum.b / k};

@@ -53,7 +53,7 @@ enum class FAMILY : Int32 {
     TORRANCE,
 };
 
-struct CaseSpec {
+struct CaseDefinition {
     const char* label;
     FAMILY family;
     Int32 number;  // cloth preset, distribution kind, or blurryspecular variant
@@ -70,7 +70,7 @@ constexpr Int32 WARD = static_cast<Int32>(K::WARD);
 constexpr Int32 ANISOTROPIC = static_cast<Int32>(K::ANISOTROPIC);
 constexpr COMPAREMODE S = COMPAREMODE::SAMPLE;
 
-const CaseSpec CASES[] = {
+const CaseDefinition CASES[] = {
     {"Lambert BSDF", FAMILY::LAMBERT, 0, false, false, S},
     {"OrenNayar BSDF", FAMILY::ORENNAYAR, 0, false, false, S},
     {"Irawan BSDF cloth preset 1", FAMILY::IRAWAN, 0, false, false, S},
@@ -187,7 +187,7 @@ volatile Float64 g_timingSink = 0.0;
 const std::vector<std::string>& CaseLabels() {
     static const std::vector<std::string> labels = [] {
         std::vector<std::string> l;
-        for (const CaseSpec& c : CASES) l.emplace_back(c.label);
+        for (const CaseDefinition& c : CASES) l.emplace_back(c.label);
         return l;
     }();
     return labels;
@@ -225,17 +225,17 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          FormatMessage("No BSDF comparison case @", {std::to_string(index)}));
     }
-    const CaseSpec& spec = CASES[index];
+    const CaseDefinition& definition = CASES[index];
     CaseObjects objects;
-    objects.label = spec.label;
-    objects.mode = spec.mode;
+    objects.label = definition.label;
+    objects.mode = definition.mode;
     Result<DataDictionary> created = DataDictionary::Create();
     if (created.IsError()) return created.GetError();
     DataDictionary params = created.GetValue();
     const char* id = nullptr;
     const void* data = nullptr;
     IrawanInitData cloth;
-    switch (spec.family) {
+    switch (definition.family) {
         case FAMILY::LAMBERT:
             id = LAMBERT_BRDF_CLASS_ID;
             objects.older.reset(new (std::nothrow) legacy::LambertBxDF());
@@ -247,7 +247,7 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
             break;
         case FAMILY::IRAWAN: {
             id = IRAWAN_BRDF_CLASS_ID;
-            const UInt32 preset = static_cast<UInt32>(spec.number);
+            const UInt32 preset = static_cast<UInt32>(definition.number);
             Result<ClothWeavePatternRef> pattern = ClothWeavePatternRef::Create();
             if (pattern.IsError()) return pattern.GetError();
             cloth.pattern = pattern.GetValue();
@@ -291,7 +291,7 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
             id = BLURRYSIMPLE_BRDF_CLASS_ID;
             QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_ROUGHNESS, ROUGHNESS));
             SamplerCache* older = nullptr;
-            if (spec.cache) {
+            if (definition.cache) {
                 caches.blurryCurrent->Clear();
                 caches.blurryOlder->Clear();
                 older = caches.blurryOlder.get();
@@ -303,9 +303,9 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
         }
         case FAMILY::BLURRYSPECULAR: {
             id = BLURRYSPECULAR_BRDF_CLASS_ID;
-            const Bool reflected = spec.number == 1;
-            const Float64 shift = spec.number == 1 ? 0.2 : 0.0;
-            const Float64 power = spec.number == 1 ? 0.3 : 0.0;
+            const Bool reflected = definition.number == 1;
+            const Float64 shift = definition.number == 1 ? 0.2 : 0.0;
+            const Float64 power = definition.number == 1 ? 0.3 : 0.0;
             QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_BLURRY_REFLECTED_LOBE, reflected));
             QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_BLURRY_ROUGHNESS, ROUGHNESS));
             QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_BLURRY_FALLOFF_SHIFT, shift));
@@ -315,24 +315,25 @@ Result<CaseObjects> BuildCase(Int index, RunCaches& caches) {
             break;
         }
         case FAMILY::TORRANCE: {
-            id = TorranceClassId(spec.number, spec.transmit);
+            id = TorranceClassId(definition.number, definition.transmit);
             QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_ROUGHNESS, ROUGHNESS));
-            if (spec.number == ANISOTROPIC) {
+            if (definition.number == ANISOTROPIC) {
                 QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_ANISOTROPY, ANISOTROPY));
             }
             SamplerCache* older = nullptr;
-            if (spec.cache) {
-                older = &caches.olderBlock[OlderRecord(spec.number)];
+            if (definition.cache) {
+                older = &caches.olderBlock[OlderRecord(definition.number)];
                 caches.current->Clear();
                 older->Clear();
                 QUORV_RETURN_IF_ERROR(SetKey(params, BSDF_PARAM_DISTRIBUTION_CACHE,
                                              SamplerCachePointer{caches.current.get()}));
             }
-            std::unique_ptr<legacy::MicrofacetDistribution> distribution = legacy::MakeDistribution(
-                static_cast<legacy::DISTRIBUTIONKIND>(spec.number), ROUGHNESS, ANISOTROPY, older);
+            std::unique_ptr<legacy::MicrofacetDistribution> distribution =
+                legacy::MakeDistribution(static_cast<legacy::DISTRIBUTIONKIND>(definition.number),
+                                         ROUGHNESS, ANISOTROPY, older);
             if (!distribution) return OutOfMemory();
             objects.older.reset(new (std::nothrow) legacy::BlurryTorranceBxDF(
-                std::move(distribution), spec.transmit));
+                std::move(distribution), definition.transmit));
             break;
         }
     }
