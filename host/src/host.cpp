@@ -10,6 +10,7 @@
 #include "datatype_service.h"
 #include "host_internal.h"
 #include "services_impl.h"
+#include "quorv/unittest.h"
 
 namespace quorv::host {
 
@@ -76,6 +77,10 @@ Host& Host::Start(const HostOptions& options) {
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);
+    // The registries of test classes are the host's: its runner lists them before any module
+    // has put a class there.
+    CreateRegistry(LiteralId(UNITTEST_CLASS_REGISTRY_ID));
+    CreateRegistry(LiteralId(SPEEDTEST_CLASS_REGISTRY_ID));
 
     // The host's own binary is bound and defined like a module.
     auto self = std::make_unique<LoadedModule>();

@@ -1,6 +1,8 @@
 // Memory, errors, the hasher and the critical log.
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <cstdlib>
 #include <mutex>
 
@@ -13,6 +15,10 @@ namespace {
 
 std::atomic<Int> g_failCountdown{0};
 thread_local Error t_currentError;
+
+std::mutex g_outputMutex;
+std::function<void(std::string_view)> g_textSink;
+std::atomic<Int (*)()> g_timerSource{nullptr};
 
 std::mutex g_logMutex;
 std::vector<std::string> g_criticalLog;
@@ -79,6 +85,26 @@ void FreeObjectBlock(void* object) {
     if (object) std::free(HeaderOf(object));
 }
 
+// Monotonic nanoseconds; a test host may step its own clock instead.
+Int GetTimer() {
+    if (Int (*source)() = g_timerSource.load(std::memory_order_acquire)) return source();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// One line of text for a person: standard output, or the sink a caller installed.
+void TextOutput(const char* text) {
+    const std::string_view line(text ? text : "");
+    std::lock_guard<std::mutex> lock(g_outputMutex);
+    if (g_textSink) {
+        g_textSink(line);
+        return;
+    }
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
 const SystemInterface::Slots g_systemSlots{
     .Alloc = &Alloc,
     .Free = &Free,
@@ -92,6 +118,8 @@ const SystemInterface::Slots g_systemSlots{
     .PrivateShowSynchronizedHashMapDiagnostics = &ShowDiagnostics,
     .CriticalOutput = &CriticalOutput,
     .FreeObjectBlock = &FreeObjectBlock,
+    .GetTimer = &GetTimer,
+    .TextOutput = &TextOutput,
 };
 
 }  // namespace
@@ -119,6 +147,13 @@ void ClearCriticalLogEntries() {
     std::lock_guard<std::mutex> lock(g_logMutex);
     g_criticalLog.clear();
 }
+
+void SetTextOutputSink(std::function<void(std::string_view)> sink) {
+    std::lock_guard<std::mutex> lock(g_outputMutex);
+    g_textSink = std::move(sink);
+}
+
+void SetTimerSource(Int (*source)()) { g_timerSource.store(source, std::memory_order_release); }
 
 void SetFailCountdown(Int n) { g_failCountdown.store(n > 0 ? n : 0); }
 

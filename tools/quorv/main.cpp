@@ -81,6 +81,8 @@ int main(int argc, char** argv) {
     AddClothCommand(app, options, run);
     AddIdCommand(app, run);
     AddTextureCommand(app, options, run);
+    AddUnitTestCommand(app, options, run);
+    AddSpeedTestCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -75,7 +75,9 @@ constexpr Int32 STRINGENCODING_8BIT = 0;
     M(UInt, PrivateHasherFinalize, (UInt state), (state)) \
     M(void, PrivateShowSynchronizedHashMapDiagnostics, (const char* name), (name)) \
     M(void, CriticalOutput, (const char* message, const SourceLocation& loc), (message, loc)) \
-    M(void, FreeObjectBlock, (void* object), (object))
+    M(void, FreeObjectBlock, (void* object), (object)) \
+    M(Int, GetTimer, (), ()) \
+    M(void, TextOutput, (const char* text), (text))
 QUORV_NONVIRTUAL_INTERFACE(SystemInterface, "net.quorv.interface.system", QUORV_SYSTEM_METHODS);
 
 #define QUORV_STRING_METHODS(M) \

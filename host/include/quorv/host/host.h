@@ -168,6 +168,13 @@ private:
     std::vector<std::unique_ptr<LoadedModule>> _modules;
 };
 
+/// Where the lines of `SystemInterface::TextOutput` go: `sink` gets each line without its line
+/// end; an empty function restores standard output. For tests and programs that capture text.
+QUORV_HOST_API void SetTextOutputSink(std::function<void(std::string_view)> sink);
+/// The clock behind `SystemInterface::GetTimer`: `source` answers nanoseconds; null restores
+/// the monotonic clock (`std::chrono::steady_clock`). For tests that step a clock of their own.
+QUORV_HOST_API void SetTimerSource(Int (*source)());
+
 /// Starts the host (as `Host::Start`) and binds the framework copy of the calling binary. A
 /// program that links the shared host library (`quorv::host`) starts with this: its own calls
 /// through the framework's C++ faces then reach the host's services. In a binary that holds the
