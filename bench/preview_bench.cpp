@@ -54,6 +54,7 @@ struct BenchProvider {
             while (!ThreadServicesInterface::IsCancelled(job)) {
             }
             if (auto* seen = g_timeline ? g_timeline->cancelSeen.load() : nullptr) *seen = Clock::now();
+            return OK;  // a cancelled iteration adds nothing
         }
         g_sink += Work(work, computed);
         ++computed;
