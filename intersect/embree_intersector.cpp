@@ -159,6 +159,9 @@ struct EmbreeIntersectorImpl {
         o.scene = rtcNewScene(device);
         if (!o.scene) return EmbreeError(device, "create a scene");
         rtcSetSceneBuildQuality(o.scene, quality);
+        // Robust traversal and the watertight triangle test: a ray through a shared edge or
+        // vertex must not slip between the polygons of a closed mesh.
+        rtcSetSceneFlags(o.scene, RTC_SCENE_FLAG_ROBUST);
         const bool mixed = o.hasQuads && o.hasTriangles;
         size_t counts[2] = {0, 0};
         for (const IntersectionPolygon& p : o.polygons) ++counts[p.c == p.d ? TRIANGLES : QUADS];
@@ -227,6 +230,7 @@ struct EmbreeIntersectorImpl {
             if (top) rtcReleaseScene(top);
             top = rtcNewScene(device);
             if (!top) return EmbreeError(device, "create a scene");
+            rtcSetSceneFlags(top, RTC_SCENE_FLAG_ROBUST);
             for (size_t i = 0; i < objects.size(); ++i) {
                 RTCGeometry inst = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_INSTANCE);
                 if (!inst) return EmbreeError(device, "create an instance");
@@ -271,6 +275,8 @@ struct EmbreeIntersectorImpl {
         r.org_x = Float32(ray.origin.x), r.org_y = Float32(ray.origin.y), r.org_z = Float32(ray.origin.z);
         r.dir_x = Float32(ray.direction.x), r.dir_y = Float32(ray.direction.y),
         r.dir_z = Float32(ray.direction.z);
+        // Robust scenes take tnear <= t <= tfar: with the range rounded inwards it stays closed
+        // at both ends, and no t outside it gets through.
         r.tnear = RoundUp(tMin);
         r.tfar = RoundDown(tMax);
         r.time = 0.0f;

@@ -63,8 +63,9 @@ Vector64 Placement::PointToWorld(const Vector64& p) const {
 }
 
 Vector64 Placement::NormalToWorld(const Vector64& n) const {
-    const Vector64 w =
-        identity ? n : Vector64{Dot(cofactor[0], n), Dot(cofactor[1], n), Dot(cofactor[2], n)};
+    // det * inverse transpose has the cofactor vectors as its columns.
+    const Vector64 w = identity ? n
+                                : Apply3(cofactor[0], cofactor[1], cofactor[2], n);
     const Float64 l = std::sqrt(Dot(w, w));
     if (!(l > 0.0)) return {};
     return {w.x / l, w.y / l, w.z / l};

@@ -21,7 +21,7 @@ inline Float64 Component(const Vector64& v, int axis) { return axis == 0 ? v.x :
 struct Placement {
     Matrix64 matrix;          ///< object to world
     Matrix64 inverse;         ///< world to object
-    Vector64 cofactor[3];     ///< rows of det * inverse transpose: maps object normals to world
+    Vector64 cofactor[3];     ///< columns of det * inverse transpose: object normals to world
     bool identity = true;
 
     /// Fails (false) for a singular or non-finite matrix.

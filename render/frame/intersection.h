@@ -13,8 +13,9 @@
 /// - A polygon (a, b, c, d) is the triangle (a, b, c) when c == d, else the quad split into the
 ///   triangles (a, b, c) and (a, c, d). A triangle of zero area is never hit.
 /// - Ranges are closed: a hit counts when minDistance <= t <= maxDistance, t measured along the
-///   ray's direction as given (not normalised). Classes that trace in Float32 round the range
-///   inwards, so they never report a t outside it.
+///   ray's direction as given (not normalised); a range reaching behind the origin is cut at
+///   t = 0. Classes that trace in Float32 round the range inwards, so they never report a t
+///   outside it.
 /// - Hits are `IntersectionResult64` records, see `IntersectionHit` for the members' meaning.
 ///
 /// Life of an intersector: create by id, `Init`, `RegisterFilter` (optional), `AddScene` for each
