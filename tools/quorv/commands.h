@@ -32,5 +32,6 @@ void AddBSDFCommand(CLI::App& app, const GlobalOptions& options, std::function<i
 void AddClothCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddIdCommand(CLI::App& app, std::function<int()>& run);
 void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -81,6 +81,7 @@ int main(int argc, char** argv) {
     AddClothCommand(app, options, run);
     AddIdCommand(app, run);
     AddTextureCommand(app, options, run);
+    AddIntersectCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
