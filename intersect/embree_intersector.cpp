@@ -104,6 +104,7 @@ void FilterCallback(const RTCFilterFunctionNArguments* args);
 struct EmbreeIntersectorImpl {
     std::vector<std::shared_ptr<EmbreeObject>> objects;
     RTCScene top = nullptr;
+    RTCScene trace = nullptr;  ///< what queries trace: `top`, or the only object's scene
     RTCBuildQuality quality = RTC_BUILD_QUALITY_MEDIUM;
     IntersectionFilterFunc filter = nullptr;
     void* filterUser = nullptr;
@@ -117,6 +118,7 @@ struct EmbreeIntersectorImpl {
     void Clear() {
         if (top) rtcReleaseScene(top);
         top = nullptr;
+        trace = nullptr;
         objects.clear();
         finalized = everFinalized = false;
     }
@@ -226,8 +228,17 @@ struct EmbreeIntersectorImpl {
                 Result<void> r = BuildObject(*o);
                 if (r.IsError()) return r;
             }
-            // The top scene is rebuilt whole: placements may have moved.
+            // One object in its own place is traced directly: the instance level would only
+            // add a box test and a ray transform per ray.
             if (top) rtcReleaseScene(top);
+            top = nullptr;
+            trace = nullptr;
+            if (objects.size() == 1 && objects[0]->placement.identity) {
+                trace = objects[0]->scene;
+                finalized = everFinalized = true;
+                return OK;
+            }
+            // The top scene is rebuilt whole: placements may have moved.
             top = rtcNewScene(device);
             if (!top) return EmbreeError(device, "create a scene");
             rtcSetSceneFlags(top, RTC_SCENE_FLAG_ROBUST);
@@ -247,6 +258,7 @@ struct EmbreeIntersectorImpl {
             }
             rtcCommitScene(top);
             if (rtcGetDeviceError(device) != RTC_ERROR_NONE) return EmbreeError(device, "build the scene");
+            trace = top;
             finalized = everFinalized = true;
             return OK;
         });
@@ -288,6 +300,7 @@ struct EmbreeIntersectorImpl {
 
     void MakeResult(unsigned instID, unsigned geomID, unsigned primID, Float32 t, Float32 u,
                     Float32 v, Float32 nx, Float32 ny, Float32 nz, IntersectionResult64& result) const {
+        if (instID == RTC_INVALID_GEOMETRY_ID) instID = 0;  // traced without the instance level
         const EmbreeObject& o = *objects[instID];
         result = {};
         result.headWordA = instID;
@@ -300,7 +313,7 @@ struct EmbreeIntersectorImpl {
 
     Bool CalculateIntersection(const Ray& ray, IntersectionResult64& result) const {
         RTCRayHit rh;
-        if (!top || !FillRay(ray, rh.ray)) {
+        if (!trace || !FillRay(ray, rh.ray)) {
             result = {};
             return false;
         }
@@ -308,7 +321,7 @@ struct EmbreeIntersectorImpl {
         rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
         RTCIntersectContext context;
         rtcInitIntersectContext(&context);
-        rtcIntersect1(top, &context, &rh);
+        rtcIntersect1(trace, &context, &rh);
         if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) {
             result = {};
             return false;
@@ -320,10 +333,10 @@ struct EmbreeIntersectorImpl {
 
     Bool CalculateShadow(const Ray& ray) const {
         RTCRay r;
-        if (!top || !FillRay(ray, r)) return false;
+        if (!trace || !FillRay(ray, r)) return false;
         RTCIntersectContext context;
         rtcInitIntersectContext(&context);
-        rtcOccluded1(top, &context, &r);
+        rtcOccluded1(trace, &context, &r);
         return r.tfar == -std::numeric_limits<Float32>::infinity();
     }
 
@@ -350,7 +363,7 @@ struct EmbreeIntersectorImpl {
         bool anyValid = false;
         for (int i = 0; i < 4; ++i) {
             RTCRay r;
-            valid[i] = rays[i] && top && FillRay(*rays[i], r) ? -1 : 0;
+            valid[i] = rays[i] && trace && FillRay(*rays[i], r) ? -1 : 0;
             if (valid[i]) {
                 anyValid = true;
                 rh.ray.org_x[i] = r.org_x, rh.ray.org_y[i] = r.org_y, rh.ray.org_z[i] = r.org_z;
@@ -364,7 +377,7 @@ struct EmbreeIntersectorImpl {
         if (anyValid) {
             RTCIntersectContext context;
             rtcInitIntersectContext(&context);
-            rtcIntersect4(valid, top, &context, &rh);
+            rtcIntersect4(valid, trace, &context, &rh);
         }
         Int32 mask = 0;
         for (int i = 0; i < 4; ++i) {
@@ -387,7 +400,7 @@ struct EmbreeIntersectorImpl {
         bool anyValid = false;
         for (int i = 0; i < 4; ++i) {
             RTCRay r;
-            valid[i] = rays[i] && top && FillRay(*rays[i], r) ? -1 : 0;
+            valid[i] = rays[i] && trace && FillRay(*rays[i], r) ? -1 : 0;
             if (valid[i]) {
                 anyValid = true;
                 r4.org_x[i] = r.org_x, r4.org_y[i] = r.org_y, r4.org_z[i] = r.org_z;
@@ -399,7 +412,7 @@ struct EmbreeIntersectorImpl {
         if (!anyValid) return 0;
         RTCIntersectContext context;
         rtcInitIntersectContext(&context);
-        rtcOccluded4(valid, top, &context, &r4);
+        rtcOccluded4(valid, trace, &context, &r4);
         Int32 mask = 0;
         for (int i = 0; i < 4; ++i)
             if (valid[i] && r4.tfar[i] == -std::numeric_limits<Float32>::infinity()) mask |= 1 << i;
@@ -413,7 +426,8 @@ void FilterCallback(const RTCFilterFunctionNArguments* args) {
     if (!owner.filter) return;
     for (unsigned i = 0; i < args->N; ++i) {
         if (args->valid[i] != -1) continue;
-        const unsigned inst = RTCHitN_instID(args->hit, args->N, i, 0);
+        unsigned inst = RTCHitN_instID(args->hit, args->N, i, 0);
+        if (inst == RTC_INVALID_GEOMETRY_ID) inst = 0;  // traced without the instance level
         IntersectionResult64 candidate;
         candidate.headWordA = inst;
         candidate.headFlag = IntersectionHit::HIT;
