@@ -33,5 +33,6 @@ void AddClothCommand(CLI::App& app, const GlobalOptions& options, std::function<
 void AddIdCommand(CLI::App& app, std::function<int()>& run);
 void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -192,9 +192,10 @@ int RunRender(const GlobalOptions& global, const IntersectOptions& o) {
         std::fprintf(stderr, "quorv: --size must be WxH, each from 1 to 16384\n");
         return 1;
     }
+    // The host first: reading the file reports errors through it.
+    if (!StartHost(global) || !LoadIntersectModule(global, o)) return 1;
     mesh::Mesh m;
     if (!LoadMesh(o, m)) return 1;
-    if (!StartHost(global) || !LoadIntersectModule(global, o)) return 1;
     MessageLog messages;
     Result<DataDictionary> parameters = Parameters(o);
     if (parameters.IsError()) {
@@ -310,9 +311,10 @@ int RunRender(const GlobalOptions& global, const IntersectOptions& o) {
 }
 
 int RunRays(const GlobalOptions& global, const IntersectOptions& o) {
+    // The host first: reading the file reports errors through it.
+    if (!StartHost(global) || !LoadIntersectModule(global, o)) return 1;
     mesh::Mesh m;
     if (!LoadMesh(o, m)) return 1;
-    if (!StartHost(global) || !LoadIntersectModule(global, o)) return 1;
     Result<DataDictionary> parameters = Parameters(o);
     Result<BatchedIntersectionRef> made =
         parameters.IsError() ? Result<BatchedIntersectionRef>(parameters.GetError())

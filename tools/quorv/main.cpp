@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
     AddIdCommand(app, run);
     AddTextureCommand(app, options, run);
     AddIntersectCommand(app, options, run);
+    AddAssetCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
