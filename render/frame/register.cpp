@@ -3,6 +3,7 @@
 #include "quorv/entity.h"
 #include "render/cameras/camera.h"
 #include "render/frame/intersection.h"
+#include "render/sceneobjects/sceneobject.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
 
 namespace quorv {
@@ -31,6 +32,7 @@ DependencyRecord g_reflectionDependency;
 RegistryRecord g_cameraClasses;
 RegistryRecord g_bsdfLegacyClasses;
 RegistryRecord g_intersectionClasses;
+RegistryRecord g_sceneObjectClasses;
 
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, F::REGISTRATION_UNIT);
@@ -58,6 +60,8 @@ void Register() {
                    __FILE__, 0);
     // Filled by other modules (the intersector module); read by GetDefaultIntersector.
     DefineRegistry(g_intersectionClasses, LiteralId(INTERSECTION_CLASS_REGISTRY_ID), g_unit,
+                   __FILE__, 0);
+    DefineRegistry(g_sceneObjectClasses, LiteralId(SCENEOBJECT_CLASS_REGISTRY_ID), g_unit,
                    __FILE__, 0);
 }
 
