@@ -76,3 +76,34 @@ TEST(AssetCli, TranslatesRelativeUrls) {
 
 }  // namespace
 }  // namespace quorv
+
+namespace quorv {
+namespace {
+
+TEST(SceneObjectCli, StampFollowsOnlySuccessfulSets) {
+    int status = -1;
+    const std::string out = test::RunCommand(
+        "printf '%s\\n' '{\"op\":\"create\",\"class\":\"net.quorv.render.sceneobject.physicalsky\"}' "
+        "'{\"op\":\"set\",\"object\":0,\"key\":\"net.quorv.test.k\",\"value\":1.5}' "
+        "'{\"op\":\"set\",\"object\":0,\"key\":\"net.quorv.test.k\",\"value\":\"x\",\"type\":\"int64\"}' "
+        "'{\"op\":\"erase\",\"object\":0,\"key\":\"net.quorv.test.k\"}' "
+        "'{\"op\":\"stamp\",\"object\":0}' | " +
+            std::string(QUORV_CLI_PATH) + " --module " + QUORV_MODULE_PATH + " sceneobject",
+        &status);
+    EXPECT_EQ(status, 0);
+    const std::vector<std::string> expected = {
+        "{\"class\":\"net.quorv.render.sceneobject.physicalsky\",\"object\":0,\"stamp\":0}",
+        "{\"ok\":true,\"stamp\":1}", "", "{\"erased\":true,\"stamp\":1}", "{\"stamp\":1}"};
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t nl; (nl = out.find('\n', start)) != std::string::npos; start = nl + 1)
+        lines.push_back(out.substr(start, nl - start));
+    ASSERT_EQ(lines.size(), expected.size()) << out;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (expected[i].empty()) EXPECT_EQ(lines[i].rfind("{\"error\":", 0), 0u) << lines[i];
+        else EXPECT_EQ(lines[i], expected[i]);
+    }
+}
+
+}  // namespace
+}  // namespace quorv

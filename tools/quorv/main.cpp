@@ -83,6 +83,7 @@ int main(int argc, char** argv) {
     AddTextureCommand(app, options, run);
     AddIntersectCommand(app, options, run);
     AddAssetCommand(app, options, run);
+    AddSceneObjectCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
