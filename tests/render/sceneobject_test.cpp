@@ -64,11 +64,14 @@ TEST(SceneObjects, OnlyASuccessfulSetDataMovesTheStamp) {
     EXPECT_TRUE(s.dict.IsEmpty());
     EXPECT_EQ(s.stamp.GetTimeStamp(), 3);
     // Out of memory while storing: an error, and the stamp stays.
+    const Data nine = Data::Of(Int(9));
     host::Host::Get().FailAllocationAfter(1);
-    Result<void> r = s.dict.SetData(LiteralId("net.quorv.test.sceneobject.other"), Data::Of(Int(9)));
+    Result<void> r = s.dict.SetData(LiteralId("net.quorv.test.sceneobject.other"), nine);
     host::Host::Get().FailAllocationAfter(0);
-    if (r.IsError()) EXPECT_EQ(s.stamp.GetTimeStamp(), 3);
-    else EXPECT_EQ(s.stamp.GetTimeStamp(), 4);
+    ASSERT_TRUE(r.IsError());
+    EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::OUTOFMEMORY);
+    EXPECT_EQ(s.stamp.GetTimeStamp(), 3);
+    EXPECT_TRUE(s.dict.IsEmpty());
 }
 
 TEST(SceneObjects, SetDataFromManyThreadsCountsEveryWrite) {
