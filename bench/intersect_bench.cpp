@@ -29,19 +29,21 @@ bool LoadModules() {
         host::HostOptions options;
         options.echoCriticalOutput = false;
         host::Host& h = host::Host::Start(options);
-        return h.LoadModule(QUORV_MODULE_PATH).IsOk() && h.LoadModule(QUORV_INTERSECT_MODULE_PATH).IsOk();
+        return h.LoadModule(QUORV_MODULE_PATH).IsOk() &&
+               h.LoadModule(QUORV_INTERSECT_MODULE_PATH).IsOk();
     }();
     return loaded;
 }
 
 BatchedIntersectionRef Build(const char* id) {
     LoadModules();
-    Result<ObjectRef> o = CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
+    Result<ObjectRef> o =
+        CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
     BatchedIntersectionRef r = BatchedIntersectionRef::Cast(o.GetValue()).GetValue();
     (void)r.Init({});
     const mesh::Mesh& m = Sphere();
-    (void)r.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(), Int(m.polygons.size()),
-                     Matrix64{});
+    (void)r.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                     Int(m.polygons.size()), Matrix64{});
     (void)r.Finalize();
     return r;
 }
@@ -117,13 +119,14 @@ struct DirectScene {
         scene = rtcNewScene(device);
         const mesh::Mesh& m = Sphere();
         RTCGeometry g = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-        auto* v = static_cast<float*>(rtcSetNewGeometryBuffer(g, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
-                                                              12, m.points.size()));
+        auto* v = static_cast<float*>(rtcSetNewGeometryBuffer(
+            g, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, m.points.size()));
         for (size_t i = 0; i < m.points.size(); ++i) {
-            v[3 * i] = float(m.points[i].x), v[3 * i + 1] = float(m.points[i].y), v[3 * i + 2] = float(m.points[i].z);
+            v[3 * i] = float(m.points[i].x), v[3 * i + 1] = float(m.points[i].y),
+                  v[3 * i + 2] = float(m.points[i].z);
         }
-        auto* idx = static_cast<unsigned*>(rtcSetNewGeometryBuffer(g, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
-                                                                   12, m.polygons.size()));
+        auto* idx = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
+            g, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, m.polygons.size()));
         for (size_t i = 0; i < m.polygons.size(); ++i) {
             idx[3 * i] = unsigned(m.polygons[i].a), idx[3 * i + 1] = unsigned(m.polygons[i].b);
             idx[3 * i + 2] = unsigned(m.polygons[i].c);
@@ -152,7 +155,8 @@ void BM_EmbreeDirect(benchmark::State& state) {
                 Ray ray;
                 CameraRay(x, y, ray);
                 RTCRayHit rh;
-                rh.ray.org_x = float(ray.origin.x), rh.ray.org_y = float(ray.origin.y), rh.ray.org_z = float(ray.origin.z);
+                rh.ray.org_x = float(ray.origin.x), rh.ray.org_y = float(ray.origin.y),
+                rh.ray.org_z = float(ray.origin.z);
                 rh.ray.dir_x = float(ray.direction.x), rh.ray.dir_y = float(ray.direction.y),
                 rh.ray.dir_z = float(ray.direction.z);
                 rh.ray.tnear = 0.0f, rh.ray.tfar = INFINITY, rh.ray.time = 0.0f, rh.ray.mask = ~0u;
@@ -173,7 +177,8 @@ void BM_BuildClass(benchmark::State& state, const char* id) {
     LoadModules();
     const mesh::Mesh& m = Sphere();
     for (auto _ : state) {
-        Result<ObjectRef> o = CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
+        Result<ObjectRef> o =
+            CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
         BatchedIntersectionRef r = BatchedIntersectionRef::Cast(o.GetValue()).GetValue();
         (void)r.Init({});
         (void)r.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -194,12 +199,40 @@ void BM_BuildEmbreeDirect(benchmark::State& state) {
     }
 }
 
-BENCHMARK(BM_EmbreeDirect)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Threads(1)->Threads(2)->MinTime(2.0);
-BENCHMARK(BM_EmbreeClass)->Unit(benchmark::kMillisecond)->UseRealTime()->Threads(1)->Threads(2)->MinTime(2.0);
-BENCHMARK(BM_EmbreeClass4)->Unit(benchmark::kMillisecond)->UseRealTime()->Threads(1)->Threads(2)->MinTime(2.0);
-BENCHMARK(BM_YmbClass)->Unit(benchmark::kMillisecond)->UseRealTime()->Threads(1)->Threads(2)->MinTime(2.0);
-BENCHMARK_CAPTURE(BM_BuildClass, embree, EMBREE_INTERSECTION_CLASS_ID)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(5);
-BENCHMARK_CAPTURE(BM_BuildClass, ymb, YMB_INTERSECTION_CLASS_ID)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3);
+BENCHMARK(BM_EmbreeDirect)
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Threads(1)
+    ->Threads(2)
+    ->MinTime(2.0);
+BENCHMARK(BM_EmbreeClass)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Threads(1)
+    ->Threads(2)
+    ->MinTime(2.0);
+BENCHMARK(BM_EmbreeClass4)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Threads(1)
+    ->Threads(2)
+    ->MinTime(2.0);
+BENCHMARK(BM_YmbClass)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Threads(1)
+    ->Threads(2)
+    ->MinTime(2.0);
+BENCHMARK_CAPTURE(BM_BuildClass, embree, EMBREE_INTERSECTION_CLASS_ID)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(5);
+BENCHMARK_CAPTURE(BM_BuildClass, ymb, YMB_INTERSECTION_CLASS_ID)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(3);
 BENCHMARK(BM_BuildEmbreeDirect)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 }  // namespace

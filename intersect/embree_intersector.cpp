@@ -43,13 +43,15 @@ Error EmbreeError(RTCDevice device, const char* what) {
 
 Float32 RoundUp(Float64 v) {
     Float32 f = static_cast<Float32>(v);
-    if (static_cast<Float64>(f) < v) f = std::nextafter(f, std::numeric_limits<Float32>::infinity());
+    if (static_cast<Float64>(f) < v)
+        f = std::nextafter(f, std::numeric_limits<Float32>::infinity());
     return f;
 }
 
 Float32 RoundDown(Float64 v) {
     Float32 f = static_cast<Float32>(v);
-    if (static_cast<Float64>(f) > v) f = std::nextafter(f, -std::numeric_limits<Float32>::infinity());
+    if (static_cast<Float64>(f) > v)
+        f = std::nextafter(f, -std::numeric_limits<Float32>::infinity());
     return f;
 }
 
@@ -128,7 +130,9 @@ struct EmbreeIntersectorImpl {
         if (q < 0 || q > 2)
             return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                              FormatMessage("Build quality @ outside 0 to 2", {std::to_string(q)}));
-        quality = q == 0 ? RTC_BUILD_QUALITY_LOW : q == 1 ? RTC_BUILD_QUALITY_MEDIUM : RTC_BUILD_QUALITY_HIGH;
+        quality = q == 0   ? RTC_BUILD_QUALITY_LOW
+                  : q == 1 ? RTC_BUILD_QUALITY_MEDIUM
+                           : RTC_BUILD_QUALITY_HIGH;
         if (!Device()) return EmbreeError(nullptr, "create a device");
         Clear();
         return OK;
@@ -144,11 +148,13 @@ struct EmbreeIntersectorImpl {
         return OK;
     }
 
-    Result<Int> AddScene(const Vector64* points, Int pointCount, const IntersectionPolygon* polygons,
-                         Int polygonCount, const Matrix64& matrix) {
+    Result<Int> AddScene(const Vector64* points, Int pointCount,
+                         const IntersectionPolygon* polygons, Int polygonCount,
+                         const Matrix64& matrix) {
         return GuardMemory([&]() -> Result<Int> {
             auto object = std::make_shared<EmbreeObject>();
-            Result<void> r = CopyObject(*object, points, pointCount, polygons, polygonCount, matrix);
+            Result<void> r =
+                CopyObject(*object, points, pointCount, polygons, polygonCount, matrix);
             if (r.IsError()) return r.GetError();
             objects.push_back(std::move(object));
             finalized = false;
@@ -176,9 +182,10 @@ struct EmbreeIntersectorImpl {
                 rtcSetNewGeometryBuffer(g, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
                                         3 * sizeof(Float32), o.points.size()));
             const unsigned width = kind == TRIANGLES ? 3 : 4;
-            auto* indices = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
-                g, RTC_BUFFER_TYPE_INDEX, 0, kind == TRIANGLES ? RTC_FORMAT_UINT3 : RTC_FORMAT_UINT4,
-                width * sizeof(unsigned), counts[kind]));
+            auto* indices = static_cast<unsigned*>(
+                rtcSetNewGeometryBuffer(g, RTC_BUFFER_TYPE_INDEX, 0,
+                                        kind == TRIANGLES ? RTC_FORMAT_UINT3 : RTC_FORMAT_UINT4,
+                                        width * sizeof(unsigned), counts[kind]));
             if (!vertices || !indices) {
                 rtcReleaseGeometry(g);
                 return EmbreeError(device, "allocate a buffer");
@@ -215,7 +222,8 @@ struct EmbreeIntersectorImpl {
             rtcReleaseGeometry(g);
         }
         rtcCommitScene(o.scene);
-        if (rtcGetDeviceError(device) != RTC_ERROR_NONE) return EmbreeError(device, "build a scene");
+        if (rtcGetDeviceError(device) != RTC_ERROR_NONE)
+            return EmbreeError(device, "build a scene");
         return OK;
     }
 
@@ -247,17 +255,19 @@ struct EmbreeIntersectorImpl {
                 if (!inst) return EmbreeError(device, "create an instance");
                 rtcSetGeometryInstancedScene(inst, objects[i]->scene);
                 const Matrix64& m = objects[i]->placement.matrix;
-                const Float32 xfm[12] = {Float32(m.axisX.x), Float32(m.axisX.y), Float32(m.axisX.z),
-                                         Float32(m.axisY.x), Float32(m.axisY.y), Float32(m.axisY.z),
-                                         Float32(m.axisZ.x), Float32(m.axisZ.y), Float32(m.axisZ.z),
-                                         Float32(m.offset.x), Float32(m.offset.y), Float32(m.offset.z)};
+                const Float32 xfm[12] = {
+                    Float32(m.axisX.x),  Float32(m.axisX.y),  Float32(m.axisX.z),
+                    Float32(m.axisY.x),  Float32(m.axisY.y),  Float32(m.axisY.z),
+                    Float32(m.axisZ.x),  Float32(m.axisZ.y),  Float32(m.axisZ.z),
+                    Float32(m.offset.x), Float32(m.offset.y), Float32(m.offset.z)};
                 rtcSetGeometryTransform(inst, 0, RTC_FORMAT_FLOAT3X4_COLUMN_MAJOR, xfm);
                 rtcCommitGeometry(inst);
                 rtcAttachGeometryByID(top, inst, static_cast<unsigned>(i));
                 rtcReleaseGeometry(inst);
             }
             rtcCommitScene(top);
-            if (rtcGetDeviceError(device) != RTC_ERROR_NONE) return EmbreeError(device, "build the scene");
+            if (rtcGetDeviceError(device) != RTC_ERROR_NONE)
+                return EmbreeError(device, "build the scene");
             trace = top;
             finalized = everFinalized = true;
             return OK;
@@ -273,8 +283,10 @@ struct EmbreeIntersectorImpl {
             if (o->polygons.empty()) continue;
             Vector64 lo, hi;
             WorldBounds(*o, lo, hi);
-            minimum = {std::min(minimum.x, lo.x), std::min(minimum.y, lo.y), std::min(minimum.z, lo.z)};
-            maximum = {std::max(maximum.x, hi.x), std::max(maximum.y, hi.y), std::max(maximum.z, hi.z)};
+            minimum = {std::min(minimum.x, lo.x), std::min(minimum.y, lo.y),
+                       std::min(minimum.z, lo.z)};
+            maximum = {std::max(maximum.x, hi.x), std::max(maximum.y, hi.y),
+                       std::max(maximum.z, hi.z)};
             any = true;
         }
         if (!any) minimum = maximum = {};
@@ -284,7 +296,8 @@ struct EmbreeIntersectorImpl {
     static bool FillRay(const Ray& ray, RTCRay& r) {
         Float64 tMin, tMax;
         if (!UsableRay(ray, tMin, tMax)) return false;
-        r.org_x = Float32(ray.origin.x), r.org_y = Float32(ray.origin.y), r.org_z = Float32(ray.origin.z);
+        r.org_x = Float32(ray.origin.x), r.org_y = Float32(ray.origin.y),
+        r.org_z = Float32(ray.origin.z);
         r.dir_x = Float32(ray.direction.x), r.dir_y = Float32(ray.direction.y),
         r.dir_z = Float32(ray.direction.z);
         // Robust scenes take tnear <= t <= tfar: with the range rounded inwards it stays closed
@@ -299,7 +312,8 @@ struct EmbreeIntersectorImpl {
     }
 
     void MakeResult(unsigned instID, unsigned geomID, unsigned primID, Float32 t, Float32 u,
-                    Float32 v, Float32 nx, Float32 ny, Float32 nz, IntersectionResult64& result) const {
+                    Float32 v, Float32 nx, Float32 ny, Float32 nz,
+                    IntersectionResult64& result) const {
         if (instID == RTC_INVALID_GEOMETRY_ID) instID = 0;  // traced without the instance level
         const EmbreeObject& o = *objects[instID];
         result = {};
@@ -442,7 +456,8 @@ ModuleUnit g_unit(__FILE__, {{&DataDictionaryInterface::record, "quorv/datadicti
 IntersectorClass<EmbreeIntersectorImpl> g_class(g_unit, EMBREE_INTERSECTION_CLASS_ID, __FILE__);
 InitializationRecord g_deviceRelease;
 
-const bool g_defined = (DefineInitialization(g_deviceRelease, __FILE__, nullptr, &ReleaseDevice, g_unit), true);
+const bool g_defined =
+    (DefineInitialization(g_deviceRelease, __FILE__, nullptr, &ReleaseDevice, g_unit), true);
 
 }  // namespace
 

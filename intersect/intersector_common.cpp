@@ -64,8 +64,7 @@ Vector64 Placement::PointToWorld(const Vector64& p) const {
 
 Vector64 Placement::NormalToWorld(const Vector64& n) const {
     // det * inverse transpose has the cofactor vectors as its columns.
-    const Vector64 w = identity ? n
-                                : Apply3(cofactor[0], cofactor[1], cofactor[2], n);
+    const Vector64 w = identity ? n : Apply3(cofactor[0], cofactor[1], cofactor[2], n);
     const Float64 l = std::sqrt(Dot(w, w));
     if (!(l > 0.0)) return {};
     return {w.x / l, w.y / l, w.z / l};
@@ -77,12 +76,14 @@ Result<void> CopyObject(MeshObject& object, const Vector64* points, Int pointCou
     const SourceLocation loc = QUORV_SOURCE_LOCATION;
     if (pointCount < 0 || polygonCount < 0 || (pointCount > 0 && !points) ||
         (polygonCount > 0 && !polygons))
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, loc, "Object arrays missing or counts negative");
+        return MakeError(ERRORKIND::ILLEGALARGUMENT, loc,
+                         "Object arrays missing or counts negative");
     if (pointCount > std::numeric_limits<Int32>::max() ||
         polygonCount > std::numeric_limits<Int32>::max() / 2)
         return MakeError(ERRORKIND::ILLEGALARGUMENT, loc, "Object too large");
     if (!object.placement.Set(matrix))
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, loc, "Object matrix is singular or not finite");
+        return MakeError(ERRORKIND::ILLEGALARGUMENT, loc,
+                         "Object matrix is singular or not finite");
     return GuardMemory([&]() -> Result<void> {
         object.points.assign(points, points + pointCount);
         object.polygons.assign(polygons, polygons + polygonCount);
@@ -104,8 +105,10 @@ Result<void> CopyObject(MeshObject& object, const Vector64* points, Int pointCou
                 lo = {std::min(lo.x, v.x), std::min(lo.y, v.y), std::min(lo.z, v.z)};
                 hi = {std::max(hi.x, v.x), std::max(hi.y, v.y), std::max(hi.z, v.z)};
             }
-            if (p.c == p.d) object.hasTriangles = true;
-            else object.hasQuads = true;
+            if (p.c == p.d)
+                object.hasTriangles = true;
+            else
+                object.hasQuads = true;
         }
         object.objectMin = lo;
         object.objectMax = hi;

@@ -10,18 +10,24 @@
 
 namespace quorv::intersect {
 
-inline Vector64 Sub(const Vector64& a, const Vector64& b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+inline Vector64 Sub(const Vector64& a, const Vector64& b) {
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
 inline Vector64 Cross(const Vector64& a, const Vector64& b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
-inline Float64 Dot(const Vector64& a, const Vector64& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline Float64 Component(const Vector64& v, int axis) { return axis == 0 ? v.x : axis == 1 ? v.y : v.z; }
+inline Float64 Dot(const Vector64& a, const Vector64& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+inline Float64 Component(const Vector64& v, int axis) {
+    return axis == 0 ? v.x : axis == 1 ? v.y : v.z;
+}
 
 /// The linear part of a placement and its inverse, for rays into object space and normals out.
 struct Placement {
-    Matrix64 matrix;          ///< object to world
-    Matrix64 inverse;         ///< world to object
-    Vector64 cofactor[3];     ///< columns of det * inverse transpose: object normals to world
+    Matrix64 matrix;       ///< object to world
+    Matrix64 inverse;      ///< world to object
+    Vector64 cofactor[3];  ///< columns of det * inverse transpose: object normals to world
     bool identity = true;
 
     /// Fails (false) for a singular or non-finite matrix.

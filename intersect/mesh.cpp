@@ -25,7 +25,8 @@ bool ReadObj(const std::string& text, Mesh& mesh, std::string& error) {
     const size_t n = attrib.vertices.size() / 3;
     mesh.points.resize(n);
     for (size_t i = 0; i < n; ++i)
-        mesh.points[i] = {attrib.vertices[3 * i], attrib.vertices[3 * i + 1], attrib.vertices[3 * i + 2]};
+        mesh.points[i] = {attrib.vertices[3 * i], attrib.vertices[3 * i + 1],
+                          attrib.vertices[3 * i + 2]};
     for (const tinyobj::shape_t& s : shapes) {
         size_t base = 0;
         for (size_t f = 0; f < s.mesh.num_face_vertices.size(); ++f) {
@@ -75,7 +76,9 @@ Mesh MakeSphere(Int rings, bool quads) {
     }
     m.points.push_back({0.0, 0.0, 1.0});  // north pole
     const Int32 north = static_cast<Int32>(m.points.size() - 1);
-    auto at = [&](Int r, Int s) { return static_cast<Int32>(1 + (r - 1) * segments + s % segments); };
+    auto at = [&](Int r, Int s) {
+        return static_cast<Int32>(1 + (r - 1) * segments + s % segments);
+    };
     for (Int s = 0; s < segments; ++s) m.polygons.push_back({0, at(1, s + 1), at(1, s), at(1, s)});
     for (Int r = 1; r + 1 < rings; ++r) {
         for (Int s = 0; s < segments; ++s) {
@@ -98,7 +101,8 @@ Mesh MakeBox() {
     for (int i = 0; i < 8; ++i)
         m.points.push_back({(i & 1) ? 1.0 : -1.0, (i & 2) ? 1.0 : -1.0, (i & 4) ? 1.0 : -1.0});
     // Counter-clockwise seen from outside.
-    m.polygons = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+    m.polygons = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                  {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
     return m;
 }
 

@@ -12,20 +12,24 @@ namespace {
 
 Float32 Down(Float64 v) {
     Float32 f = static_cast<Float32>(v);
-    if (static_cast<Float64>(f) > v) f = std::nextafter(f, -std::numeric_limits<Float32>::infinity());
+    if (static_cast<Float64>(f) > v)
+        f = std::nextafter(f, -std::numeric_limits<Float32>::infinity());
     return f;
 }
 
 Float32 Up(Float64 v) {
     Float32 f = static_cast<Float32>(v);
-    if (static_cast<Float64>(f) < v) f = std::nextafter(f, std::numeric_limits<Float32>::infinity());
+    if (static_cast<Float64>(f) < v)
+        f = std::nextafter(f, std::numeric_limits<Float32>::infinity());
     return f;
 }
 
 struct Box32 {
-    Float32 lo[3] = {std::numeric_limits<Float32>::infinity(), std::numeric_limits<Float32>::infinity(),
+    Float32 lo[3] = {std::numeric_limits<Float32>::infinity(),
+                     std::numeric_limits<Float32>::infinity(),
                      std::numeric_limits<Float32>::infinity()};
-    Float32 hi[3] = {-std::numeric_limits<Float32>::infinity(), -std::numeric_limits<Float32>::infinity(),
+    Float32 hi[3] = {-std::numeric_limits<Float32>::infinity(),
+                     -std::numeric_limits<Float32>::infinity(),
                      -std::numeric_limits<Float32>::infinity()};
     void Grow(const Box32& b) {
         for (int a = 0; a < 3; ++a) {
@@ -35,7 +39,8 @@ struct Box32 {
     }
     Float64 HalfArea() const {
         if (lo[0] > hi[0]) return 0.0;
-        const Float64 dx = Float64(hi[0]) - lo[0], dy = Float64(hi[1]) - lo[1], dz = Float64(hi[2]) - lo[2];
+        const Float64 dx = Float64(hi[0]) - lo[0], dy = Float64(hi[1]) - lo[1],
+                      dz = Float64(hi[2]) - lo[2];
         return dx * dy + dy * dz + dz * dx;
     }
 };

@@ -121,11 +121,13 @@ struct YmbIntersectorImpl {
         return OK;
     }
 
-    Result<Int> AddScene(const Vector64* points, Int pointCount, const IntersectionPolygon* polygons,
-                         Int polygonCount, const Matrix64& matrix) {
+    Result<Int> AddScene(const Vector64* points, Int pointCount,
+                         const IntersectionPolygon* polygons, Int polygonCount,
+                         const Matrix64& matrix) {
         return GuardMemory([&]() -> Result<Int> {
             auto object = std::make_shared<YmbObject>();
-            Result<void> r = CopyObject(*object, points, pointCount, polygons, polygonCount, matrix);
+            Result<void> r =
+                CopyObject(*object, points, pointCount, polygons, polygonCount, matrix);
             if (r.IsError()) return r.GetError();
             objects.push_back(std::move(object));
             finalized = false;
@@ -196,8 +198,10 @@ struct YmbIntersectorImpl {
             if (o->polygons.empty()) continue;
             Vector64 lo, hi;
             WorldBounds(*o, lo, hi);
-            minimum = {std::min(minimum.x, lo.x), std::min(minimum.y, lo.y), std::min(minimum.z, lo.z)};
-            maximum = {std::max(maximum.x, hi.x), std::max(maximum.y, hi.y), std::max(maximum.z, hi.z)};
+            minimum = {std::min(minimum.x, lo.x), std::min(minimum.y, lo.y),
+                       std::min(minimum.z, lo.z)};
+            maximum = {std::max(maximum.x, hi.x), std::max(maximum.y, hi.y),
+                       std::max(maximum.z, hi.z)};
             any = true;
         }
         if (!any) minimum = maximum = {};

@@ -54,7 +54,8 @@ public:
         return r;
     }
     AssetManagementRef() = default;
-    AssetManagementRef(AssetManagementRef&& o) noexcept : _object(std::exchange(o._object, nullptr)) {}
+    AssetManagementRef(AssetManagementRef&& o) noexcept
+        : _object(std::exchange(o._object, nullptr)) {}
     AssetManagementRef& operator=(AssetManagementRef&& o) noexcept {
         std::swap(_object, o._object);
         return *this;

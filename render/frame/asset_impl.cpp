@@ -23,7 +23,9 @@ const LiteralId RELATIVE("relative");
 
 void Free(AssetManagementImpl* object) { delete object; }
 
-AssetManagementImpl* Alloc(const SourceLocation&) { return new (std::nothrow) AssetManagementImpl(); }
+AssetManagementImpl* Alloc(const SourceLocation&) {
+    return new (std::nothrow) AssetManagementImpl();
+}
 
 Error NullObject() {
     return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No asset management object");
@@ -52,7 +54,8 @@ Result<void> Init(AssetManagementImpl* object, const Url& base) {
     return OK;
 }
 
-Result<void> AddSearchPath(AssetManagementImpl* object, const Url& url, ASSET_TYPE type, Bool flag) {
+Result<void> AddSearchPath(AssetManagementImpl* object, const Url& url, ASSET_TYPE type,
+                           Bool flag) {
     if (!object) return NullObject();
     return Append(object, url, type, flag);
 }
@@ -80,10 +83,8 @@ Result<Url> TranslatePath(const AssetManagementImpl* object, const Url& url, ASS
 }
 
 void* const g_functions[] = {
-    reinterpret_cast<void*>(&Free),
-    reinterpret_cast<void*>(&Alloc),
-    reinterpret_cast<void*>(&Init),
-    reinterpret_cast<void*>(&AddSearchPath),
+    reinterpret_cast<void*>(&Free),          reinterpret_cast<void*>(&Alloc),
+    reinterpret_cast<void*>(&Init),          reinterpret_cast<void*>(&AddSearchPath),
     reinterpret_cast<void*>(&TranslatePath),
 };
 static_assert(sizeof(g_functions) / sizeof(g_functions[0]) == AssetManagementInterface::COUNT);
@@ -100,7 +101,8 @@ char g_nameRun[AssetManagementInterface::NAME_RUN_SIZE];
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, 0);
     g_interfaceNames.id = LiteralId(AssetManagementInterface::INTERFACE_ID);
-    g_interfaceNames.methodNames = BuildSlotNameRun(AssetManagementInterface::Describe(), g_nameRun);
+    g_interfaceNames.methodNames =
+        BuildSlotNameRun(AssetManagementInterface::Describe(), g_nameRun);
     g_interfaceNames.returnKinds = AssetManagementInterface::Describe().returnKinds;
     g_interfaceNames.count = AssetManagementInterface::COUNT;
     DefineInterfaceImplementation(g_implementation, g_interfaceNames, g_unit, __FILE__, 0);

@@ -15,10 +15,10 @@ namespace {
 // buffer owned by the unit, so there is nothing to release at exit.
 char g_polygonIntersection[CONFIG_STRING_CAPACITY] = {};
 
-const bool g_configured = (AddConfigurationVariable(POLYGON_INTERSECTION_VARIABLE,
-                                                    g_polygonIntersection, "", CONFIGTYPE::STRING,
-                                                    ""),
-                           true);
+const bool g_configured =
+    (AddConfigurationVariable(POLYGON_INTERSECTION_VARIABLE, g_polygonIntersection, "",
+                              CONFIGTYPE::STRING, ""),
+     true);
 
 // The class under `id`, or null when the registry has nothing of the class type there.
 Result<ClassObject*> FindClass(const LiteralId& id) {

@@ -27,7 +27,8 @@ Result<void> SetData(void* instance, const ComponentInfo* info, const DataDictio
     Result<void> r = CallSuper<Result<void>(const DataDictionaryKey&, const Data&)>(
         instance, info, DataDictionaryObjectInterface::Record(),
         DataDictionaryObjectInterface::IDX_SetData, super)(key, value);
-    if (r.IsOk()) classes_detail::StateOf<SceneObjectBaseImpl>(instance, info)->timeStamp.fetch_add(1);
+    if (r.IsOk())
+        classes_detail::StateOf<SceneObjectBaseImpl>(instance, info)->timeStamp.fetch_add(1);
     return r;
 }
 
@@ -40,15 +41,19 @@ Result<Data> GetData(void* instance, const ComponentInfo* info, const DataDictio
 
 // EraseData and Reset stay the host's: they don't move the stamp.
 bool FillOverrides(ClassObject* cls, const ComponentInfo* info) {
-    MethodEntry* table = ClassInterface::GetOrCreateMTable(cls, &DataDictionaryObjectInterface::Record());
+    MethodEntry* table =
+        ClassInterface::GetOrCreateMTable(cls, &DataDictionaryObjectInterface::Record());
     if (!table) return false;
-    table[DataDictionaryObjectInterface::IDX_SetData] = MethodEntry{reinterpret_cast<void*>(&SetData), info};
-    table[DataDictionaryObjectInterface::IDX_GetData] = MethodEntry{reinterpret_cast<void*>(&GetData), info};
+    table[DataDictionaryObjectInterface::IDX_SetData] =
+        MethodEntry{reinterpret_cast<void*>(&SetData), info};
+    table[DataDictionaryObjectInterface::IDX_GetData] =
+        MethodEntry{reinterpret_cast<void*>(&GetData), info};
     return true;
 }
 
 ModuleUnit g_unit(__FILE__);
-const bool g_published = (PublishVirtualInterface<SceneObjectInterface>(g_sceneObjectInterfaceRecord, g_unit), true);
+const bool g_published =
+    (PublishVirtualInterface<SceneObjectInterface>(g_sceneObjectInterfaceRecord, g_unit), true);
 ComposedClass<SceneObjectBaseImpl, SceneObjectInterface> g_class(
     g_unit, sceneobjectclass::BASE, SCENEOBJECT_CLASS_REGISTRY_ID,
     {{HOST_CLASS_REGISTRY_ID, DATADICTIONARYOBJECT_CLASS_ID},

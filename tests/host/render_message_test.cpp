@@ -30,7 +30,8 @@ TEST(RenderMessages, CapacityDropsTheOldestAndSequencesCountOn) {
     ASSERT_TRUE(RenderMessageInterface::Init(l.log, 3).IsOk());
     for (int i = 0; i < 5; ++i)
         ASSERT_TRUE(RenderMessageInterface::AddMessage(l.log, MESSAGESEVERITY::WARNING,
-                                                       ("m" + std::to_string(i)).c_str()).IsOk());
+                                                       ("m" + std::to_string(i)).c_str())
+                        .IsOk());
     Seen all;
     EXPECT_EQ(RenderMessageInterface::QueryMessages(l.log, 0, &Collect, &all), 5);
     ASSERT_EQ(all.lines.size(), 3u);
@@ -49,7 +50,8 @@ TEST(RenderMessages, CapacityDropsTheOldestAndSequencesCountOn) {
 TEST(RenderMessages, BadArgumentsAreErrorsNotCrashes) {
     EXPECT_TRUE(RenderMessageInterface::AddMessage(nullptr, MESSAGESEVERITY::INFO, "x").IsError());
     Log l;
-    EXPECT_TRUE(RenderMessageInterface::AddMessage(l.log, MESSAGESEVERITY::INFO, nullptr).IsError());
+    EXPECT_TRUE(
+        RenderMessageInterface::AddMessage(l.log, MESSAGESEVERITY::INFO, nullptr).IsError());
     EXPECT_TRUE(RenderMessageInterface::Init(l.log, -1).IsError());
     EXPECT_EQ(RenderMessageInterface::QueryMessages(nullptr, 0, &Collect, nullptr), 0);
 }

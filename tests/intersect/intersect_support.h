@@ -26,9 +26,11 @@ inline bool LoadIntersectModules() {
     return loaded;
 }
 
-inline BatchedIntersectionRef MakeIntersector(const char* id, const DataDictionary& parameters = {}) {
+inline BatchedIntersectionRef MakeIntersector(const char* id,
+                                              const DataDictionary& parameters = {}) {
     if (!LoadIntersectModules()) return {};
-    Result<ObjectRef> o = CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
+    Result<ObjectRef> o =
+        CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
     EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
     if (o.IsError()) return {};
     Result<BatchedIntersectionRef> r = BatchedIntersectionRef::Cast(o.GetValue());
@@ -78,7 +80,9 @@ inline std::optional<ReferenceHit> BruteForce(const std::vector<ReferenceObject>
     auto cross = [](const Vector64& a, const Vector64& b) {
         return Vector64{a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
     };
-    auto dot = [](const Vector64& a, const Vector64& b) { return a.x * b.x + a.y * b.y + a.z * b.z; };
+    auto dot = [](const Vector64& a, const Vector64& b) {
+        return a.x * b.x + a.y * b.y + a.z * b.z;
+    };
     const Float64 tMin = std::max(ray.minDistance, 0.0);
     std::optional<ReferenceHit> best;
     for (size_t o = 0; o < scene.size(); ++o) {

@@ -17,9 +17,9 @@ using test::ReferenceObject;
 
 struct ClassCase {
     const char* id;
-    Float64 tTolerance;      ///< relative
+    Float64 tTolerance;  ///< relative
     Float64 normalTolerance;
-    Float64 ambiguity;       ///< rays closer than this (barycentric) to an edge are not compared
+    Float64 ambiguity;  ///< rays closer than this (barycentric) to an edge are not compared
 };
 
 const ClassCase CLASSES[] = {
@@ -39,7 +39,8 @@ mesh::Mesh ReadAuthored() {
     return m;
 }
 
-Ray MakeRay(const Vector64& origin, const Vector64& direction, Float64 lo = 0.0, Float64 hi = DBL_MAX) {
+Ray MakeRay(const Vector64& origin, const Vector64& direction, Float64 lo = 0.0,
+            Float64 hi = DBL_MAX) {
     Ray r;
     r.origin = origin;
     r.direction = direction;
@@ -57,8 +58,8 @@ int CompareWithReference(const ClassCase& c, const BatchedIntersectionRef& isect
         IntersectionResult64 got;
         const bool hit = isect.CalculateIntersection(ray, got);
         if (expected && expected->edge < c.ambiguity) continue;
-        EXPECT_EQ(hit, expected.has_value()) << c.id << " ray origin " << ray.origin.x << ","
-                                             << ray.origin.y << "," << ray.origin.z;
+        EXPECT_EQ(hit, expected.has_value())
+            << c.id << " ray origin " << ray.origin.x << "," << ray.origin.y << "," << ray.origin.z;
         if (hit != expected.has_value()) continue;
         EXPECT_EQ(isect.CalculateShadow(ray), hit) << c.id;
         if (!hit) {
@@ -112,10 +113,10 @@ TEST(Meshes, AuthoredObjReadsQuadsFansAndRelativeIndices) {
     const mesh::Mesh m = ReadAuthored();
     ASSERT_EQ(m.points.size(), 22u);
     const std::vector<std::array<Int32, 4>> expected = {
-        {0, 1, 2, 3},    {4, 5, 6, 7},                                        // quads
-        {8, 9, 10, 10},  {8, 8, 11, 11},  {8, 9, 11, 11},                     // degenerate
+        {0, 1, 2, 3},     {4, 5, 6, 7},                                          // quads
+        {8, 9, 10, 10},   {8, 8, 11, 11},   {8, 9, 11, 11},                      // degenerate
         {12, 13, 14, 14}, {12, 14, 15, 15}, {12, 15, 16, 16}, {12, 16, 17, 17},  // n-gon fan
-        {18, 19, 20, 20}, {19, 21, 20, 20}};                                  // relative
+        {18, 19, 20, 20}, {19, 21, 20, 20}};                                     // relative
     ASSERT_EQ(m.polygons.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {
         const auto& p = m.polygons[i];
@@ -138,10 +139,16 @@ TEST_P(Intersectors, AuthoredObjMatchesBruteForce) {
     shifted.axisX = {0.0, 2.0, 0.0};  // rotated and scaled, with a mirror: normals must follow
     shifted.axisY = {1.0, 0.0, 0.0};
     shifted.axisZ = {0.0, 0.0, 1.5};
-    ASSERT_EQ(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                             Int(m.polygons.size()), Matrix64{}).GetValue(), 0);
-    ASSERT_EQ(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                             Int(m.polygons.size()), shifted).GetValue(), 1);
+    ASSERT_EQ(isect
+                  .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                            Int(m.polygons.size()), Matrix64{})
+                  .GetValue(),
+              0);
+    ASSERT_EQ(isect
+                  .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                            Int(m.polygons.size()), shifted)
+                  .GetValue(),
+              1);
     ASSERT_TRUE(isect.Finalize().IsOk());
     const std::vector<ReferenceObject> scene = {test::PlaceMesh(m, Matrix64{}),
                                                 test::PlaceMesh(m, shifted)};
@@ -173,13 +180,15 @@ TEST_P(Intersectors, SpheresOfTrianglesAndQuadsMatchBruteForce) {
     for (bool quads : {false, true}) {
         BatchedIntersectionRef isect = MakeIntersector(c.id);
         const mesh::Mesh m = mesh::MakeSphere(12, quads);
-        ASSERT_TRUE(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                                   Int(m.polygons.size()), Matrix64{}).IsOk());
+        ASSERT_TRUE(isect
+                        .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                                  Int(m.polygons.size()), Matrix64{})
+                        .IsOk());
         ASSERT_TRUE(isect.Finalize().IsOk());
         std::mt19937_64 rng(quads ? 11 : 12);
-        const int compared = CompareWithReference(
-            c, isect, {test::PlaceMesh(m, Matrix64{})},
-            RandomRays(rng, {-1, -1, -1}, {1, 1, 1}, 3000, 1.5));
+        const int compared =
+            CompareWithReference(c, isect, {test::PlaceMesh(m, Matrix64{})},
+                                 RandomRays(rng, {-1, -1, -1}, {1, 1, 1}, 3000, 1.5));
         EXPECT_GT(compared, 1500);
     }
 }
@@ -190,8 +199,10 @@ TEST_P(Intersectors, NoRayEscapesAClosedMesh) {
     const ClassCase c = GetParam();
     const mesh::Mesh m = mesh::MakeSphere(24, false);
     BatchedIntersectionRef isect = MakeIntersector(c.id);
-    ASSERT_TRUE(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                               Int(m.polygons.size()), Matrix64{}).IsOk());
+    ASSERT_TRUE(isect
+                    .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                              Int(m.polygons.size()), Matrix64{})
+                    .IsOk());
     ASSERT_TRUE(isect.Finalize().IsOk());
     std::vector<Vector64> targets = m.points;
     for (const IntersectionPolygon& p : m.polygons) {
@@ -310,7 +321,8 @@ TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
     EXPECT_EQ(objects[1].matrix, moved);
     EXPECT_EQ(objects[1].polygonCount, 6);
     EXPECT_EQ(isect.GetEnumeratedObjects(nullptr, 0), 2);
-    std::vector<ReferenceObject> scene = {test::PlaceMesh(box, Matrix64{}), test::PlaceMesh(box, moved)};
+    std::vector<ReferenceObject> scene = {test::PlaceMesh(box, Matrix64{}),
+                                          test::PlaceMesh(box, moved)};
     std::mt19937_64 rng(5);
     CompareWithReference(c, isect, scene, RandomRays(rng, {-1, -1, -1}, {1, 1, 11}, 1000, 2.0));
 }
@@ -319,13 +331,16 @@ TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
     const ClassCase c = GetParam();
     BatchedIntersectionRef isect = MakeIntersector(c.id);
     const mesh::Mesh m = mesh::MakeSphere(16, true);
-    ASSERT_TRUE(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                               Int(m.polygons.size()), Matrix64{}).IsOk());
+    ASSERT_TRUE(isect
+                    .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                              Int(m.polygons.size()), Matrix64{})
+                    .IsOk());
     ASSERT_TRUE(isect.Finalize().IsOk());
     std::mt19937_64 rng(9);
     const std::vector<Ray> rays = RandomRays(rng, {-1, -1, -1}, {1, 1, 1}, 400, 1.0);
     for (size_t i = 0; i + 4 <= rays.size(); i += 4) {
-        const Ray* group[4] = {&rays[i], &rays[i + 1], i % 8 ? &rays[i + 2] : nullptr, &rays[i + 3]};
+        const Ray* group[4] = {&rays[i], &rays[i + 1], i % 8 ? &rays[i + 2] : nullptr,
+                               &rays[i + 3]};
         IntersectionResult64 results[4];
         const Int32 mask = isect.CalculateIntersection4(group, results);
         const Int32 shadow = isect.CalculateShadow4(group);
@@ -343,8 +358,9 @@ TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
             // (u, v) differently from its single-ray kernel, ymb runs the same code.
             EXPECT_EQ(single.headWordB, results[k].headWordB);
             if (c.id == std::string(YMB_INTERSECTION_CLASS_ID)) {
-                EXPECT_EQ(std::memcmp(&single.hitVectorA, &results[k].hitVectorA,
-                                      sizeof(Vector64) * 2), 0);
+                EXPECT_EQ(
+                    std::memcmp(&single.hitVectorA, &results[k].hitVectorA, sizeof(Vector64) * 2),
+                    0);
             } else {
                 EXPECT_NEAR(single.hitVectorA.x, results[k].hitVectorA.x, 1e-6);
                 EXPECT_NEAR(single.hitVectorB.z, results[k].hitVectorB.z, 1e-6);
@@ -382,8 +398,10 @@ TEST_P(Intersectors, RaysFromManyThreadsAgree) {
     const ClassCase c = GetParam();
     BatchedIntersectionRef isect = MakeIntersector(c.id);
     const mesh::Mesh m = mesh::MakeSphere(20, false);
-    ASSERT_TRUE(isect.AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
-                               Int(m.polygons.size()), Matrix64{}).IsOk());
+    ASSERT_TRUE(isect
+                    .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
+                              Int(m.polygons.size()), Matrix64{})
+                    .IsOk());
     ASSERT_TRUE(isect.Finalize().IsOk());
     std::mt19937_64 rng(21);
     const std::vector<Ray> rays = RandomRays(rng, {-1, -1, -1}, {1, 1, 1}, 500, 1.0);
@@ -412,7 +430,8 @@ TEST(Intersectors, InitRefusesParametersOutsideTheirRange) {
           std::tuple{YMB_INTERSECTION_CLASS_ID, "net.quorv.render.intersection.bincount", Int(1)},
           std::tuple{EMBREE_INTERSECTION_CLASS_ID, "net.quorv.render.intersection.buildquality",
                      Int(3)}}) {
-        Result<ObjectRef> o = CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
+        Result<ObjectRef> o =
+            CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(id));
         ASSERT_TRUE(o.IsOk());
         IntersectionRef isect = IntersectionRef::Cast(o.GetValue()).GetValue();
         DataDictionary d = DataDictionary::Create().GetValue();
@@ -422,11 +441,10 @@ TEST(Intersectors, InitRefusesParametersOutsideTheirRange) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES),
-                         [](const auto& info) {
-                             return std::string(info.param.id).substr(
-                                 std::string("net.quorv.render.intersectionclass.").size());
-                         });
+INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES), [](const auto& info) {
+    return std::string(info.param.id)
+        .substr(std::string("net.quorv.render.intersectionclass.").size());
+});
 
 }  // namespace
 }  // namespace quorv

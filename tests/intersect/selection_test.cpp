@@ -85,8 +85,10 @@ TEST_F(Selection, EmbreeFirstThenYmbThenTheError) {
 }
 
 TEST_F(Selection, TheVariableChoosesWithoutFallBack) {
-    ASSERT_TRUE(host::Host::Get().SetConfiguration("g_polygonIntersection=" +
-                                                   std::string(YMB_INTERSECTION_CLASS_ID)).IsOk());
+    ASSERT_TRUE(
+        host::Host::Get()
+            .SetConfiguration("g_polygonIntersection=" + std::string(YMB_INTERSECTION_CLASS_ID))
+            .IsOk());
     EXPECT_EQ(Picked(), YMB_INTERSECTION_CLASS_ID);
     ASSERT_TRUE(host::Host::Get().SetConfiguration("g_polygonIntersection=net.quorv.nope").IsOk());
     Result<ObjectRef> r = RenderGeneralInterface::GetDefaultIntersector();
@@ -102,23 +104,29 @@ TEST_F(Selection, AnEntryOfAnotherTypeIsNotFound) {
     ASSERT_TRUE(RegistryInterface::EraseEntry(REGISTRY, EMBREE));
     ASSERT_TRUE(RegistryInterface::InsertEntry(REGISTRY, EMBREE, Data::Of(Int(42))).IsOk());
     EXPECT_EQ(Picked(), YMB_INTERSECTION_CLASS_ID);
-    ASSERT_TRUE(host::Host::Get().SetConfiguration("g_polygonIntersection=" +
-                                                   std::string(EMBREE_INTERSECTION_CLASS_ID)).IsOk());
-    EXPECT_EQ(Picked(), "error: Intersection class net.quorv.render.intersectionclass.embree not found.");
+    ASSERT_TRUE(
+        host::Host::Get()
+            .SetConfiguration("g_polygonIntersection=" + std::string(EMBREE_INTERSECTION_CLASS_ID))
+            .IsOk());
+    EXPECT_EQ(Picked(),
+              "error: Intersection class net.quorv.render.intersectionclass.embree not found.");
 }
 
 TEST_F(Selection, AFailingCreationIsReturnedAndYmbIsNotTried) {
     ASSERT_TRUE(RegistryInterface::EraseEntry(REGISTRY, EMBREE));
-    ASSERT_TRUE(RegistryInterface::InsertEntry(
-                    REGISTRY, EMBREE,
-                    Entry(LiteralId(FAILING_REGISTRY), LiteralId("net.quorv.test.class.failingintersector")))
-                    .IsOk());
+    ASSERT_TRUE(
+        RegistryInterface::InsertEntry(REGISTRY, EMBREE,
+                                       Entry(LiteralId(FAILING_REGISTRY),
+                                             LiteralId("net.quorv.test.class.failingintersector")))
+            .IsOk());
     EXPECT_EQ(Picked(), "error: intersector refused");
 }
 
 TEST_F(Selection, OutOfMemoryWhileNamingTheClass) {
-    ASSERT_TRUE(host::Host::Get().SetConfiguration("g_polygonIntersection=" +
-                                                   std::string(YMB_INTERSECTION_CLASS_ID)).IsOk());
+    ASSERT_TRUE(
+        host::Host::Get()
+            .SetConfiguration("g_polygonIntersection=" + std::string(YMB_INTERSECTION_CLASS_ID))
+            .IsOk());
     host::Host::Get().FailAllocationAfter(1);
     Result<ObjectRef> r = RenderGeneralInterface::GetDefaultIntersector();
     host::Host::Get().FailAllocationAfter(0);
@@ -137,8 +145,10 @@ TEST_F(Selection, SelectingBesideRegistering) {
         callers.emplace_back([&] {
             for (int i = 0; i < 300; ++i) {
                 const std::string p = Picked();
-                if (p == YMB_INTERSECTION_CLASS_ID) ++found;
-                else if (p != "error: No default intersector found.") ++bad;
+                if (p == YMB_INTERSECTION_CLASS_ID)
+                    ++found;
+                else if (p != "error: No default intersector found.")
+                    ++bad;
                 if (i == 0) ++started;
             }
             --running;

@@ -1,4 +1,6 @@
 // Asset path translation of the built module, on a temporary folder tree.
+#include "render/frame/asset.h"
+
 #include <unistd.h>
 
 #include <atomic>
@@ -7,7 +9,6 @@
 #include <thread>
 
 #include "common/test_support.h"
-#include "render/frame/asset.h"
 
 namespace quorv {
 namespace {
@@ -28,7 +29,8 @@ protected:
         fs::remove_all(root);
         fs::create_directories(root / "base" / "tex");
         fs::create_directories(root / "base" / "folder.png");
-        for (const char* f : {"base/both.png", "base/tex/both.png", "base/tex/only_tex.png", "outside.png"})
+        for (const char* f :
+             {"base/both.png", "base/tex/both.png", "base/tex/only_tex.png", "outside.png"})
             std::ofstream(root / f) << "x";
         fs::create_symlink(root / "base" / "both.png", root / "base" / "link.png");
         base = Url::FromText((root / "base").string()).GetValue();
@@ -80,12 +82,15 @@ TEST_F(Assets, OtherSchemesComeBackUncheckedAndEntriesStayAsTheyWere) {
     EXPECT_EQ(r.GetValue().GetObject(), absolute.GetObject());  // the same url, a reference added
     EXPECT_TRUE(assets.TranslatePath(Url(), ASSET_TYPE::ANY).IsOk());  // a null url too
     const std::string baseText = base.ToText();
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(Find("only_tex.png", ASSET_TYPE::TEXTURE), In("base/tex/only_tex.png"));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(Find("only_tex.png", ASSET_TYPE::TEXTURE), In("base/tex/only_tex.png"));
     EXPECT_EQ(base.ToText(), baseText);
 }
 
 TEST_F(Assets, AddedPathsComeAfterTheDefaultsAndASecondInitMovesTheBase) {
-    ASSERT_TRUE(assets.AddSearchPath(Url::FromText(root.string()).GetValue(), ASSET_TYPE::SCENE, true).IsOk());
+    ASSERT_TRUE(
+        assets.AddSearchPath(Url::FromText(root.string()).GetValue(), ASSET_TYPE::SCENE, true)
+            .IsOk());
     EXPECT_EQ(Find("outside.png", ASSET_TYPE::SCENE), In("outside.png"));
     EXPECT_EQ(Find("outside.png", ASSET_TYPE::TEXTURE), "error: Asset not found.");
     // A second Init moves the base and keeps the entries.

@@ -1,10 +1,11 @@
 // Scene object classes of the built module: composed of the host's dictionary and description
 // objects, with a stamp that only a successful SetData moves.
+#include "render/sceneobjects/sceneobject.h"
+
 #include <atomic>
 #include <thread>
 
 #include "common/test_support.h"
-#include "render/sceneobjects/sceneobject.h"
 
 namespace quorv {
 namespace {
@@ -30,16 +31,18 @@ SceneObject Make(const char* id) {
 }
 
 TEST(SceneObjects, AllSevenByIdOfferTheThreeInterfaces) {
-    for (const char* id : {sceneobjectclass::BASE, sceneobjectclass::CAMERA, sceneobjectclass::COMPOSITINGTAG,
-                           sceneobjectclass::LIGHT, sceneobjectclass::LIGHTBLOCKER,
-                           sceneobjectclass::OBJECTLIGHT, sceneobjectclass::PHYSICALSKY}) {
+    for (const char* id :
+         {sceneobjectclass::BASE, sceneobjectclass::CAMERA, sceneobjectclass::COMPOSITINGTAG,
+          sceneobjectclass::LIGHT, sceneobjectclass::LIGHTBLOCKER, sceneobjectclass::OBJECTLIGHT,
+          sceneobjectclass::PHYSICALSKY}) {
         SceneObject s = Make(id);
         ASSERT_TRUE(s.dict && s.stamp) << id;
         EXPECT_TRUE(GetClassIdOf(s.object.Get()) == id);
         EXPECT_EQ(s.stamp.GetTimeStamp(), 0) << id;
         ASSERT_TRUE(SetObjectValue(s.dict, SIZE, Int(3)).IsOk());
         EXPECT_EQ(s.stamp.GetTimeStamp(), 1) << id;
-        Result<DataDescriptionObjectInterface::Ref> d = DataDescriptionObjectInterface::Ref::Cast(s.object);
+        Result<DataDescriptionObjectInterface::Ref> d =
+            DataDescriptionObjectInterface::Ref::Cast(s.object);
         ASSERT_TRUE(d.IsOk()) << id;
         Result<DataDictionary> description = d.GetValue().GetObjectDescription();
         ASSERT_TRUE(description.IsError());
@@ -54,7 +57,7 @@ TEST(SceneObjects, OnlyASuccessfulSetDataMovesTheStamp) {
     ASSERT_TRUE(SetObjectValue(s.dict, SIZE, Int(1)).IsOk());
     ASSERT_TRUE(SetObjectValue(s.dict, SIZE, Int(2)).IsOk());  // the same key again counts too
     EXPECT_EQ(s.stamp.GetTimeStamp(), 2);
-    EXPECT_EQ(GetObjectValue(s.dict, SIZE, Int(0)), 2);  // GetData passes through
+    EXPECT_EQ(GetObjectValue(s.dict, SIZE, Int(0)), 2);           // GetData passes through
     EXPECT_TRUE(s.dict.SetData(SIZE.GetId(), Data()).IsError());  // refused by the dictionary
     EXPECT_EQ(s.stamp.GetTimeStamp(), 2);
     EXPECT_TRUE(s.dict.EraseData(SIZE.GetId()));

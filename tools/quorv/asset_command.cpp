@@ -43,7 +43,8 @@ int RunTranslate(const GlobalOptions& global, const AssetOptions& o) {
     Result<Url> base = Url::FromText(o.base);
     if (made.IsError() || base.IsError()) {
         std::fprintf(stderr, "quorv: %s\n",
-                     ErrorToString(made.IsError() ? made.GetErrorPointer() : base.GetErrorPointer()).c_str());
+                     ErrorToString(made.IsError() ? made.GetErrorPointer() : base.GetErrorPointer())
+                         .c_str());
         return 1;
     }
     AssetManagementRef assets = std::move(made.GetValue());
@@ -63,7 +64,8 @@ int RunTranslate(const GlobalOptions& global, const AssetOptions& o) {
         bool flag = false;
         if (parts.size() > 3 || (parts.size() > 1 && !ParseType(parts[1], &type)) ||
             (parts.size() > 2 && parts[2] != "true" && parts[2] != "false")) {
-            std::fprintf(stderr, "quorv: --search %s: expected URL[,ANY|TEXTURE|SCENE[,true|false]]\n",
+            std::fprintf(stderr,
+                         "quorv: --search %s: expected URL[,ANY|TEXTURE|SCENE[,true|false]]\n",
                          s.c_str());
             return 1;
         }
@@ -83,13 +85,17 @@ int RunTranslate(const GlobalOptions& global, const AssetOptions& o) {
         ASSET_TYPE type = ASSET_TYPE::ANY;
         if (const Json* t = FindField(line, "type")) {
             const std::string text = t->is_string() ? t->get<std::string>() : t->dump();
-            if (!ParseType(text, &type)) throw LineError("\"type\" must be ANY, TEXTURE, SCENE or 0..2");
+            if (!ParseType(text, &type))
+                throw LineError("\"type\" must be ANY, TEXTURE, SCENE or 0..2");
         }
         Result<Url> parsed = Url::FromText(url->get<std::string>());
-        if (parsed.IsError()) return ErrorJson(parsed.GetErrorPointer()->message ? parsed.GetErrorPointer()->message : "bad url");
+        if (parsed.IsError())
+            return ErrorJson(parsed.GetErrorPointer()->message ? parsed.GetErrorPointer()->message
+                                                               : "bad url");
         Result<Url> found = assets.TranslatePath(parsed.GetValue(), type);
         if (found.IsError())
-            return ErrorJson(found.GetErrorPointer()->message ? found.GetErrorPointer()->message : "error");
+            return ErrorJson(found.GetErrorPointer()->message ? found.GetErrorPointer()->message
+                                                              : "error");
         return Json{{"url", found.GetValue().ToText()}};
     });
 }
@@ -100,9 +106,11 @@ void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<
     static AssetOptions o;
     CLI::App* cmd = app.add_subcommand("asset", "Asset path translation of relative urls");
     cmd->require_subcommand(1);
-    CLI::App* translate = cmd->add_subcommand("translate", "Translate relative urls read as JSON lines");
+    CLI::App* translate =
+        cmd->add_subcommand("translate", "Translate relative urls read as JSON lines");
     translate->add_option("--base", o.base, "Base url the relative search paths are joined to");
-    translate->add_option("--search", o.search, "Search path URL[,TYPE[,FLAG]] (repeatable), after the defaults");
+    translate->add_option("--search", o.search,
+                          "Search path URL[,TYPE[,FLAG]] (repeatable), after the defaults");
     translate->footer(TRANSLATE_HELP);
     translate->callback([&] { run = [&] { return RunTranslate(options, o); }; });
 }

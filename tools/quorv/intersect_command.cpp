@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "host/src/services_impl.h"
 #include "intersect/mesh.h"
 #include "jsonio.h"
 #include "quorv/host/image_writer.h"
@@ -20,7 +21,6 @@
 #include "render/cameras/camera.h"
 #include "render/frame/intersection.h"
 #include "render/frame/rendergeneral.h"
-#include "host/src/services_impl.h"
 #include "values.h"
 
 namespace quorv::cli {
@@ -73,10 +73,10 @@ bool LoadIntersectModule(const GlobalOptions& global, const IntersectOptions& o)
 // The class chosen by --class, or the default choice of the render module.
 Result<BatchedIntersectionRef> MakeIntersector(const IntersectOptions& o,
                                                const DataDictionary& parameters) {
-    Result<ObjectRef> object =
-        o.classId.empty()
-            ? RenderGeneralInterface::GetDefaultIntersector()
-            : CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), LiteralId(o.classId.c_str()));
+    Result<ObjectRef> object = o.classId.empty()
+                                   ? RenderGeneralInterface::GetDefaultIntersector()
+                                   : CreateObjectById(LiteralId(INTERSECTION_CLASS_REGISTRY_ID),
+                                                      LiteralId(o.classId.c_str()));
     if (object.IsError()) return object.GetError();
     Result<BatchedIntersectionRef> r = BatchedIntersectionRef::Cast(object.GetValue());
     if (r.IsError()) return r;
@@ -163,13 +163,18 @@ int RunClasses(const GlobalOptions& global, const IntersectOptions& o) {
         why = picked.GetErrorPointer()->message ? picked.GetErrorPointer()->message : "error";
     } else {
         pick = std::string(GetClassIdOf(picked.GetValue().Get()).View());
-        if (!configured.empty()) why = "named by g_polygonIntersection";
-        else if (pick == EMBREE_INTERSECTION_CLASS_ID) why = "the first default class, registered";
-        else why = "the embree class is not registered; the second default class is";
+        if (!configured.empty())
+            why = "named by g_polygonIntersection";
+        else if (pick == EMBREE_INTERSECTION_CLASS_ID)
+            why = "the first default class, registered";
+        else
+            why = "the embree class is not registered; the second default class is";
     }
     if (o.json) {
-        Json j{{"registry", INTERSECTION_CLASS_REGISTRY_ID}, {"classes", entries},
-               {"default", pick.empty() ? Json(nullptr) : Json(pick)}, {"why", why},
+        Json j{{"registry", INTERSECTION_CLASS_REGISTRY_ID},
+               {"classes", entries},
+               {"default", pick.empty() ? Json(nullptr) : Json(pick)},
+               {"why", why},
                {"g_polygonIntersection", configured}};
         return WriteOutputLine(Line(j)) ? 0 : 1;
     }
@@ -208,8 +213,8 @@ int RunRender(const GlobalOptions& global, const IntersectOptions& o) {
         return 1;
     }
     BatchedIntersectionRef isect = made.GetValue();
-    messages.Add(MESSAGESEVERITY::INFO, "class " + ClassOf(isect) +
-                                            (o.classId.empty() ? " (the default choice)" : ""));
+    messages.Add(MESSAGESEVERITY::INFO,
+                 "class " + ClassOf(isect) + (o.classId.empty() ? " (the default choice)" : ""));
     const auto t0 = std::chrono::steady_clock::now();
     Result<Int> added = AddMesh(isect, m);
     Result<void> built = added.IsError() ? Result<void>(added.GetError()) : isect.Finalize();
@@ -244,8 +249,9 @@ int RunRender(const GlobalOptions& global, const IntersectOptions& o) {
     const Float64 tanY = std::fabs(top.direction.y / top.direction.z);
     const Float64 halfAngle = std::atan(std::min(tanX, tanY));
     const Vector64 centre{(lo.x + hi.x) / 2, (lo.y + hi.y) / 2, (lo.z + hi.z) / 2};
-    const Float64 radius = 0.5 * std::sqrt((hi.x - lo.x) * (hi.x - lo.x) + (hi.y - lo.y) * (hi.y - lo.y) +
-                                           (hi.z - lo.z) * (hi.z - lo.z));
+    const Float64 radius =
+        0.5 * std::sqrt((hi.x - lo.x) * (hi.x - lo.x) + (hi.y - lo.y) * (hi.y - lo.y) +
+                        (hi.z - lo.z) * (hi.z - lo.z));
     Matrix64 placement;
     placement.offset = {centre.x, centre.y, centre.z - radius / std::sin(halfAngle) * 1.05};
     camera.SetMatrix(placement);
@@ -360,7 +366,8 @@ void AddMeshOptions(CLI::App* c, IntersectOptions& o) {
     c->add_option("--sphere", o.sphere, "A generated unit sphere of N rings (4N(N-1) triangles)");
     c->add_flag("--box", o.box, "The cube [-1,1]^3 of six quads");
     c->add_flag("--quads", o.quads, "Keep the sphere's quads (default: two triangles each)");
-    c->add_option("--class", o.classId, "Intersector class id (default: the render module's choice)");
+    c->add_option("--class", o.classId,
+                  "Intersector class id (default: the render module's choice)");
     c->add_option("--param", o.params, "Init parameter KEY=JSON (repeatable)");
 }
 
@@ -382,7 +389,8 @@ void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::funct
         "render", "Trace one camera ray per pixel; write depth (EXR) and normals (PNG)");
     AddMeshOptions(render, o);
     render->add_option("--size", o.size, "WxH (default 512x512)");
-    render->add_option("-o,--output", o.output, "Depth picture (.exr: distance, 0 for a miss)")->required();
+    render->add_option("-o,--output", o.output, "Depth picture (.exr: distance, 0 for a miss)")
+        ->required();
     render->add_option("--normals", o.normals, "Normal picture (normal * 0.5 + 0.5)");
     render->callback([&] { run = [&] { return RunRender(options, o); }; });
     CLI::App* rays = cmd->add_subcommand("rays", "Trace rays read as JSON lines");

@@ -56,21 +56,24 @@ int RunSceneObjects(const GlobalOptions& global) {
             const Json* cls = FindField(line, "class");
             if (!cls || !cls->is_string()) throw LineError("\"class\" must be a string");
             const std::string id = cls->get<std::string>();
-            Result<ObjectRef> o = CreateObjectById(LiteralId(SCENEOBJECT_CLASS_REGISTRY_ID),
-                                                   LiteralId(id.c_str()));
+            Result<ObjectRef> o =
+                CreateObjectById(LiteralId(SCENEOBJECT_CLASS_REGISTRY_ID), LiteralId(id.c_str()));
             if (o.IsError()) return ErrorJson(ErrorToString(o.GetErrorPointer()));
             SceneObjectHandle h;
             h.cls = id;
-            Result<DataDictionaryObjectInterface::Ref> d = DataDictionaryObjectInterface::Ref::Cast(o.GetValue());
+            Result<DataDictionaryObjectInterface::Ref> d =
+                DataDictionaryObjectInterface::Ref::Cast(o.GetValue());
             Result<SceneObjectInterface::Ref> s = SceneObjectInterface::Ref::Cast(o.GetValue());
-            Result<DataDescriptionObjectInterface::Ref> e = DataDescriptionObjectInterface::Ref::Cast(o.GetValue());
+            Result<DataDescriptionObjectInterface::Ref> e =
+                DataDescriptionObjectInterface::Ref::Cast(o.GetValue());
             if (d.IsError() || s.IsError() || e.IsError())
                 return ErrorJson("Class " + id + " is not a scene object class");
             h.dict = d.GetValue();
             h.stamp = s.GetValue();
             h.description = e.GetValue();
             objects.push_back(h);
-            return Json{{"object", objects.size() - 1}, {"class", id}, {"stamp", h.stamp.GetTimeStamp()}};
+            return Json{
+                {"object", objects.size() - 1}, {"class", id}, {"stamp", h.stamp.GetTimeStamp()}};
         }
         const size_t index = GetIntegerField<size_t>(line, "object", objects.size());
         if (index >= objects.size()) throw LineError("\"object\" must name a created object");
@@ -86,7 +89,8 @@ int RunSceneObjects(const GlobalOptions& global) {
             const Json* value = FindField(line, "value");
             if (!value) throw LineError("\"value\" is missing");
             const Json* type = FindField(line, "type");
-            const std::string typeId = type && type->is_string() ? type->get<std::string>() : TypeOf(*value);
+            const std::string typeId =
+                type && type->is_string() ? type->get<std::string>() : TypeOf(*value);
             Result<Data> data = JsonToData(*value, typeId);
             if (data.IsError()) return ErrorJson(ErrorToString(data.GetErrorPointer()));
             Result<void> r = h.dict.SetData(k, data.GetValue());
@@ -96,7 +100,8 @@ int RunSceneObjects(const GlobalOptions& global) {
         if (name == "get") {
             Result<Data> r = h.dict.GetData(key());
             if (r.IsError()) return ErrorJson(ErrorToString(r.GetErrorPointer()));
-            return Json{{"value", r.GetValue().IsEmpty() ? Json(nullptr) : DataToJson(r.GetValue())}};
+            return Json{
+                {"value", r.GetValue().IsEmpty() ? Json(nullptr) : DataToJson(r.GetValue())}};
         }
         if (name == "erase") {
             const bool erased = h.dict.EraseData(key());
@@ -109,7 +114,9 @@ int RunSceneObjects(const GlobalOptions& global) {
         if (name == "stamp") return Json{{"stamp", h.stamp.GetTimeStamp()}};
         if (name == "describe") {
             Result<DataDictionary> d = h.description.GetObjectDescription();
-            if (d.IsError()) return ErrorJson(d.GetErrorPointer()->message ? d.GetErrorPointer()->message : "error");
+            if (d.IsError())
+                return ErrorJson(d.GetErrorPointer()->message ? d.GetErrorPointer()->message
+                                                              : "error");
             return Json{{"description", DictionaryToJson(d.GetValue())}};
         }
         throw LineError("unknown \"op\" " + Quote(name));
@@ -120,7 +127,8 @@ int RunSceneObjects(const GlobalOptions& global) {
 
 void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
     CLI::App* cmd = app.add_subcommand(
-        "sceneobject", "Scene objects by id: dictionary operations and the change stamp, by JSON lines");
+        "sceneobject",
+        "Scene objects by id: dictionary operations and the change stamp, by JSON lines");
     cmd->footer(SCENEOBJECT_HELP);
     cmd->callback([&] { run = [&] { return RunSceneObjects(options); }; });
 }

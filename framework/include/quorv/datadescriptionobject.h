@@ -10,7 +10,8 @@
 namespace quorv {
 
 /// The host's data description object class, in the registry of host classes.
-inline constexpr const char* DATADESCRIPTIONOBJECT_CLASS_ID = "net.quorv.class.datadescriptionobject";
+inline constexpr const char* DATADESCRIPTIONOBJECT_CLASS_ID =
+    "net.quorv.class.datadescriptionobject";
 
 // clang-format off
 #define QUORV_DATADESCRIPTIONOBJECT_METHODS(M) \

@@ -29,8 +29,9 @@ RenderMessageLog* Alloc(const SourceLocation&) { return new (std::nothrow) Rende
 Result<void> Init(RenderMessageLog* log, Int capacity) {
     if (!log) return NullLog();
     if (capacity < 0)
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Message capacity @ is negative", {std::to_string(capacity)}));
+        return MakeError(
+            ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+            FormatMessage("Message capacity @ is negative", {std::to_string(capacity)}));
     std::lock_guard<std::mutex> lock(log->mutex);
     log->messages.clear();
     log->firstSequence = 0;
@@ -62,7 +63,8 @@ Result<void> AddMessage(RenderMessageLog* log, MESSAGESEVERITY severity, const c
     return OK;
 }
 
-Int QueryMessages(const RenderMessageLog* log, Int first, RenderMessageCallback callback, void* user) {
+Int QueryMessages(const RenderMessageLog* log, Int first, RenderMessageCallback callback,
+                  void* user) {
     if (!log) return 0;
     std::lock_guard<std::mutex> lock(log->mutex);
     const Int end = log->firstSequence + static_cast<Int>(log->messages.size());

@@ -22,7 +22,8 @@ Result<DataDictionary> GetObjectDescription(void* instance, const ComponentInfo*
 
 bool Fill(ClassObject* cls, const ComponentInfo* info) {
     if (!ClassInterface::GetOrCreateMTable(cls, &ObjectInterfaceRecord())) return false;
-    MethodEntry* table = ClassInterface::GetOrCreateMTable(cls, &DataDescriptionObjectInterface::Record());
+    MethodEntry* table =
+        ClassInterface::GetOrCreateMTable(cls, &DataDescriptionObjectInterface::Record());
     if (!table) return false;
     table[DataDescriptionObjectInterface::IDX_GetObjectDescription] =
         MethodEntry{reinterpret_cast<void*>(&GetObjectDescription), info};
@@ -44,7 +45,8 @@ void RegisterDataDescriptionObjectClass() {
     component.id = LiteralId(DATADESCRIPTIONOBJECT_CLASS_ID);
     ClassObject* cls = ClassInterface::Alloc(component.id, 1, QUORV_SOURCE_LOCATION);
     if (!cls) {
-        HostCriticalOutput("The host's data description object class could not be made: out of memory");
+        HostCriticalOutput(
+            "The host's data description object class could not be made: out of memory");
         return;
     }
     Ref<ClassObject> holder(cls);
