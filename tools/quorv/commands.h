@@ -35,5 +35,6 @@ void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::functio
 void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -84,6 +84,7 @@ int main(int argc, char** argv) {
     AddIntersectCommand(app, options, run);
     AddAssetCommand(app, options, run);
     AddSceneObjectCommand(app, options, run);
+    AddPlaceholderCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
