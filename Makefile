@@ -29,6 +29,9 @@ run: build
 	$(QUORV) ies info data/ies/example_spot.ies
 	$(QUORV) ies preview data/ies/example_spot.ies -o preview.png
 	@echo "Wrote preview.png"
+	$(QUORV) intersect classes
+	$(QUORV) intersect render --sphere 64 --size 512x512 -o sphere_depth.exr --normals sphere_normals.png
+	@echo "Wrote sphere_depth.exr and sphere_normals.png"
 
 asan:
 	$(MAKE) test PRESET=asan

@@ -9,6 +9,7 @@ packages=(
     nlohmann-json3-dev libcli11-dev
     libopenimageio-dev liblcms2-dev libtbb-dev pkgconf
     clang libclang-rt-14-dev
+    libembree-dev libtinyobjloader-dev
     pybind11-dev python3-dev python3-numpy python3-pytest
 )
 

@@ -9,6 +9,7 @@
 #include <shared_mutex>
 
 #include "host_internal.h"
+#include "quorv/host/host.h"
 #include "quorv/services.h"
 #include "quorv/url.h"
 
@@ -388,6 +389,14 @@ std::mutex g_databaseMutex;
 std::vector<std::pair<std::string, std::string>> g_databases;
 
 Result<UrlObject*> ApplicationGetUrl(Int kind, const LiteralId& id, const QuorvModuleInfo* module) {
+    if (kind == APPLICATION_URLTYPE_RESOURCE_DIR) {
+        // The host's folder (HostOptions::resourceDirectory or resources/ beside bin/).
+        Result<Url> url = Url::FromText(GetResourceDirectory());
+        if (url.IsError()) return url.GetError();
+        UrlObject* u = const_cast<UrlObject*>(url.GetValue().GetObject());
+        AddReference(u);
+        return u;
+    }
     if (kind != APPLICATION_URLTYPE_CURRENT_MODULE_RESOURCE_DIR) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          FormatMessage("Unknown url kind @ for @", {std::to_string(kind), id.View()}));

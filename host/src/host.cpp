@@ -90,6 +90,7 @@ Host& Host::Start(const HostOptions& options) {
     host._modules.push_back(std::move(self));
     host.BindModule(module, {});
     RegisterHostClasses();
+    RegisterDataDescriptionObjectClass();
     Result<void> defined = host.RunDefinitions(module);
     if (defined.IsError()) {
         HostCriticalOutput("Definitions of the host binary failed: " +

@@ -70,6 +70,8 @@ std::vector<RegistryListing> ListRegistryEntries();
 /// Makes the classes the host defines itself ("net.quorv.class.datadictionaryobject"); called
 /// once the host's own binary is bound, before its definitions run.
 void RegisterHostClasses();
+/// Registers the host's data description object class (after `RegisterHostClasses`).
+void RegisterDataDescriptionObjectClass();
 /// A registered class by id, searched in all registries; null when none.
 ClassObject* FindRegisteredClass(const LiteralId& id);
 std::vector<std::pair<std::string, std::string>> ListDatabases();

@@ -2,6 +2,8 @@
 // it is built with, the reflection unit and the registries of camera and legacy BSDF classes.
 #include "quorv/entity.h"
 #include "render/cameras/camera.h"
+#include "render/frame/intersection.h"
+#include "render/sceneobjects/sceneobject.h"
 #include "render/legacy_renderers/bsdf_legacy.h"
 
 namespace quorv {
@@ -29,6 +31,8 @@ TranslationUnitRecord g_reflectionUnit;
 DependencyRecord g_reflectionDependency;
 RegistryRecord g_cameraClasses;
 RegistryRecord g_bsdfLegacyClasses;
+RegistryRecord g_intersectionClasses;
+RegistryRecord g_sceneObjectClasses;
 
 void Register() {
     OpenTranslationUnit(g_unit, g_moduleRecord, __FILE__, F::REGISTRATION_UNIT);
@@ -53,6 +57,11 @@ void Register() {
 
     DefineRegistry(g_cameraClasses, LiteralId(CAMERA_CLASS_REGISTRY_ID), g_unit, __FILE__, 0);
     DefineRegistry(g_bsdfLegacyClasses, LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID), g_unit,
+                   __FILE__, 0);
+    // Filled by other modules (the intersector module); read by GetDefaultIntersector.
+    DefineRegistry(g_intersectionClasses, LiteralId(INTERSECTION_CLASS_REGISTRY_ID), g_unit,
+                   __FILE__, 0);
+    DefineRegistry(g_sceneObjectClasses, LiteralId(SCENEOBJECT_CLASS_REGISTRY_ID), g_unit,
                    __FILE__, 0);
 }
 

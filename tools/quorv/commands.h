@@ -34,5 +34,9 @@ void AddIdCommand(CLI::App& app, std::function<int()>& run);
 void AddTextureCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddUnitTestCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddSpeedTestCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -83,6 +83,10 @@ int main(int argc, char** argv) {
     AddTextureCommand(app, options, run);
     AddUnitTestCommand(app, options, run);
     AddSpeedTestCommand(app, options, run);
+    AddIntersectCommand(app, options, run);
+    AddAssetCommand(app, options, run);
+    AddSceneObjectCommand(app, options, run);
+    AddPlaceholderCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -250,7 +250,12 @@ private:
         info};
 
 /// Declares a virtual interface (see the top of this file).
-#define QUORV_VIRTUAL_INTERFACE(CLASS, ID, METHODS)                                           \
+#define QUORV_VIRTUAL_INTERFACE(CLASS, ID, METHODS) \
+    QUORV_VIRTUAL_INTERFACE_WITH_BASE(CLASS, ID, ::quorv::ObjectInterfaceRecord(), METHODS)
+
+/// Declares a virtual interface whose record names `BASE_RECORD` (an expression giving an
+/// `InterfaceRecord&`) as its base; METHODS lists the base's operations first, then its own.
+#define QUORV_VIRTUAL_INTERFACE_WITH_BASE(CLASS, ID, BASE_RECORD, METHODS)                   \
     struct CLASS {                                                                            \
         static constexpr const char* INTERFACE_ID = ID;                                       \
         enum : ::quorv::Int { METHODS(QUORV_V_INDEX) COUNT };                                 \
@@ -261,7 +266,7 @@ private:
                 ::quorv::InterfaceRecord x;                                                   \
                 x.type = static_cast<::quorv::UInt32>(::quorv::EntityBase::TYPE::INTERFACE);  \
                 x.id = ::quorv::LiteralId(ID);                                                \
-                x.base = &::quorv::ObjectInterfaceRecord();                                   \
+                x.base = &(BASE_RECORD);                                                      \
                 x.methodNames = METHODS(QUORV_V_NAME);                                        \
                 x.returnKinds = kinds;                                                        \
                 x.methodCount = COUNT;                                                        \

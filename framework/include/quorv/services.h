@@ -188,6 +188,9 @@ QUORV_NONVIRTUAL_INTERFACE(DataDescriptionDefinitionDatabaseInterface, "net.quor
 
 /// Url kind of `application::PrivateGetUrl` that names a module's own resource folder.
 constexpr Int APPLICATION_URLTYPE_CURRENT_MODULE_RESOURCE_DIR = 14;
+/// Url kind of `application::PrivateGetUrl` that names the host application's resource folder
+/// (`resources/` beside the program's `bin/`), whatever module asks.
+constexpr Int APPLICATION_URLTYPE_RESOURCE_DIR = 2;
 
 /// Data type id of class values held in registries.
 constexpr const char* CLASS_DATATYPE_ID = "net.quorv.class";

@@ -1,0 +1,9 @@
+// The scene object class "net.quorv.render.sceneobject.compositingtag": the base and nothing more.
+#include "render/sceneobjects/sceneobject_impl.h"
+
+namespace quorv {
+namespace {
+ModuleUnit g_unit(__FILE__, {{&g_sceneObjectInterfaceRecord, "render/sceneobjects/sceneobject.h"}});
+SceneObjectClass g_class(g_unit, sceneobjectclass::COMPOSITINGTAG, __FILE__);
+}  // namespace
+}  // namespace quorv
