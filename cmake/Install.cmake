@@ -40,7 +40,7 @@ set(QUORV_RENDER_INTERFACE_HEADERS
     cameras/camera.h cameras/renderray.h cameras/shadingpoint.h
     legacy_renderers/bsdf_legacy.h legacy_renderers/microfacetdistributioncaches.h
     legacy_renderers/bsdfdata.h legacy_renderers/clothweavepattern.h
-    photometric/ies.h textures/texture.h)
+    photometric/ies.h textures/texture.h preview/previewimage.h)
 foreach(header IN LISTS QUORV_RENDER_INTERFACE_HEADERS)
     get_filename_component(folder ${header} DIRECTORY)
     install(FILES ${PROJECT_SOURCE_DIR}/render/${header}
@@ -55,6 +55,8 @@ install(TARGETS quorv_framework EXPORT quorvTargets
 install(TARGETS quorv_framework_archive ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # The module and the command line, in the layout the command line expects (../lib beside bin).
 install(TARGETS quorv_render LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# The intersector module beside it: `quorv intersect` loads it from there.
+install(TARGETS quorv_intersect LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS quorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The resources beside bin/, where the host finds them by default (PREFIX/resources).
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/resources/ DESTINATION resources)
