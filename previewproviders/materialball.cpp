@@ -32,6 +32,12 @@ std::atomic<Int> g_liveProviders{0};
 
 Int LiveProviderCount() { return g_liveProviders.load(); }
 
+namespace {
+std::atomic<Int> g_rowsBegun{0};
+}  // namespace
+
+Int BallRowsBegun() { return g_rowsBegun.load(std::memory_order_relaxed); }
+
 Vector2i64 BallIterationSize(Vector2i64 size, Int index) {
     const Int divisor = index >= 3 ? 1 : Int(8) >> index;
     return {std::max<Int>(size.x / divisor, 1), std::max<Int>(size.y / divisor, 1)};
@@ -204,6 +210,7 @@ struct BallProvider {
                 if (job && ThreadServicesInterface::IsCancelled(job)) {
                     return OperationCancelledError(QUORV_SOURCE_LOCATION);
                 }
+                g_rowsBegun.fetch_add(1, std::memory_order_relaxed);
                 for (Int x = 0; x < s.x; ++x) {
                     const size_t p =
                         static_cast<size_t>(y) * static_cast<size_t>(s.x) + static_cast<size_t>(x);

@@ -98,6 +98,10 @@ inline const DictionaryKey<Int> SCRIPTED_META_COMPUTATIONS(
     "net.quorv.previewproviders.scripted.computations");
 inline const DictionaryKey<Int> SCRIPTED_META_BEGIN("net.quorv.previewproviders.scripted.begin");
 
+/// Rows the ball has begun in this binary's copy of the class, over all instances (for tests
+/// that must pause an iteration in progress).
+Int BallRowsBegun();
+
 /// Live provider instances of this binary's copy of the classes (for tests: nothing left at
 /// rest).
 Int LiveProviderCount();
