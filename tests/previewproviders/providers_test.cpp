@@ -216,7 +216,7 @@ TEST(MaterialBall, PausedFiveTimesEndsBitIdenticalToUnpaused) {
     for (int pause = 0; pause < 5; ++pause) {
         // Once the ball is inside an iteration (a row begun), a high-priority request pauses it.
         const Int rows = BallRowsBegun();
-        while (BallRowsBegun() == rows) std::this_thread::yield();
+        while (BallRowsBegun() == rows && rec.Copy().size() < 6) std::this_thread::yield();
         Recorder high;
         Request h = NewRequest(SCRIPTED_PROVIDER_ID, high, {2, 2});
         Set(h, SCRIPTED_COUNT, Int(1));
