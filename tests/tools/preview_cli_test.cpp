@@ -87,11 +87,11 @@ TEST_F(PreviewCli, RenderPrintsEachDeliveryAndWritesPictureAndStrip) {
 
 TEST_F(PreviewCli, UpscaleFlipAndScriptedFailures) {
     int status = -1;
-    std::string out =
-        test::RunCommand(Cli() +
-                             "render --provider scripted --size 8x4 --no-progress --upscale --flip "
-                             "--param 'net.quorv.previewproviders.scripted.sizes=\"2x1,4x2\"'",
-                         &status);
+    std::string out = test::RunCommand(
+        Cli() +
+            "render --provider scripted --size 8x4 --no-progress --upscale --flip --wait inf "
+            "--param 'net.quorv.previewproviders.scripted.sizes=\"2x1,4x2\"'",
+        &status);
     EXPECT_EQ(status, 0) << out;
     std::vector<std::string> lines = Lines(out);
     ASSERT_EQ(lines.size(), 3u) << out;

@@ -15,6 +15,7 @@
 #include <deque>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -416,6 +417,10 @@ void StopPreviews() {
 bool ParseWait(const std::string& text, Float64* out) {
     if (text.empty()) {
         *out = 0.0;
+        return true;
+    }
+    if (text == "inf") {
+        *out = std::numeric_limits<Float64>::infinity();
         return true;
     }
     Json j;
