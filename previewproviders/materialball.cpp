@@ -157,6 +157,17 @@ struct BallProvider {
         }
         threads = threadCount;
         const Id bsdfId = GetObjectValue(request, BALL_BSDF, Id::Intern(BALL_DEFAULT_BSDF));
+        // The cloth class needs a weave record at Init and the anisotropic pair per-object data
+        // and a frame that steps a random state per call (one object can't serve the rows'
+        // threads): the ball takes the twelve others.
+        for (const char* refused :
+             {IRAWAN_BRDF_CLASS_ID, ANISOTROPIC_BRDF_CLASS_ID, ANISOTROPIC_BTDF_CLASS_ID}) {
+            if (bsdfId.View() == refused) {
+                return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+                                 "Illegal argument: The ball takes the legacy BSDF classes without "
+                                 "per-object data (not the cloth or anisotropic ones)");
+            }
+        }
         Result<DataDictionary> params = DataDictionary::Create();
         if (params.IsError()) return params.GetError();
         bool roughnessGiven = false;

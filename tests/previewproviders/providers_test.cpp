@@ -171,6 +171,8 @@ TEST(MaterialBall, SizesSamplesAndMetadataOfEachIteration) {
     Set(bad, BALL_ITERATIONS, Int(2));
     Set(bad, BALL_BSDF, Id::Intern("net.quorv.render.bsdflegacyclass.none"));
     EXPECT_TRUE(bad.request.Submit().IsError());
+    Set(bad, BALL_BSDF, Id::Intern(ANISOTROPIC_BRDF_CLASS_ID));
+    EXPECT_TRUE(bad.request.Submit().IsError());
     EXPECT_TRUE(rec.Copy().empty());
 }
 
