@@ -32,6 +32,9 @@ run: build
 	$(QUORV) intersect classes
 	$(QUORV) intersect render --sphere 64 --size 512x512 -o sphere_depth.exr --normals sphere_normals.png
 	@echo "Wrote sphere_depth.exr and sphere_normals.png"
+	$(QUORV) preview providers
+	$(QUORV) preview render --provider materialball --size 256x192 -o ball.png --strip ball_strip.png
+	@echo "Wrote ball.png and ball_strip.png (the iterations side by side)"
 
 asan:
 	$(MAKE) test PRESET=asan
@@ -48,6 +51,7 @@ bench:
 	PYTHONPATH=build/release/python /usr/bin/python3 bench/python_batch_bench.py
 	build/release/bin/bench_cloth
 	build/release/bin/bench_texture
+	build/release/bin/bench_preview
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.

@@ -57,6 +57,8 @@ install(TARGETS quorv_framework_archive ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBD
 install(TARGETS quorv_render LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 # The intersector module beside it: `quorv intersect` loads it from there.
 install(TARGETS quorv_intersect LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# The preview providers beside it, where `quorv preview` looks for them.
+install(TARGETS quorv_previewproviders LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS quorv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The resources beside bin/, where the host finds them by default (PREFIX/resources).
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/resources/ DESTINATION resources)

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -28,8 +29,12 @@ const bool g_configured = (AddConfigurationVariable(
                            true);
 
 LockedRefWord<PreviewImageScheduler>& ProcessScheduler() {
-    // Lives to the end of the process: submissions may be dropped while statics are destroyed.
-    static auto* word = new LockedRefWord<PreviewImageScheduler>();
+    // Never destroyed: submissions may be dropped while statics are destroyed. Static storage
+    // rather than the heap, so that a module unloaded before the process ends leaves no block
+    // behind.
+    alignas(LockedRefWord<PreviewImageScheduler>) static unsigned char storage[sizeof(
+        LockedRefWord<PreviewImageScheduler>)];
+    static auto* word = new (storage) LockedRefWord<PreviewImageScheduler>();
     return *word;
 }
 

@@ -78,6 +78,11 @@ Json DataToJson(const Data& value) {
     if (const auto* v = value.Get<Vector2d64>()) return ToJson(*v);
     if (const auto* v = value.Get<Vector64>()) return ToJson(*v);
     if (const auto* v = value.Get<Matrix64>()) return ToJson(*v);
+    if (const auto* v = value.Get<UInt32>()) return *v;
+    if (const auto* v = value.Get<Id>()) return std::string(v->View());
+    if (const auto* v = value.Get<Color64>()) return Json::array({NumberToJson(v->r), NumberToJson(v->g), NumberToJson(v->b)});
+    if (const auto* v = value.Get<Vector2i64>()) return Json::array({v->x, v->y});
+    if (const auto* v = value.Get<TimeValue>()) return NumberToJson(v->seconds);
     return nullptr;
 }
 
@@ -135,6 +140,35 @@ Result<Data> JsonToData(const Json& j, const std::string& typeId) {
         Matrix64 m;
         if (!FromJson(j, &m)) return BadValue(j, typeId);
         return Wrap(m);
+    }
+    if (typeId == DataTypeIdOf<UInt32>::id) {
+        UInt32 v;
+        if (!JsonToInteger(j, &v)) return BadValue(j, typeId);
+        return Wrap(v);
+    }
+    if (typeId == DataTypeIdOf<Id>::id) {
+        if (!j.is_string()) return BadValue(j, typeId);
+        const std::string text = j.get<std::string>();
+        const Id id = Id::Intern(text);
+        if (id.IsEmpty() && !text.empty()) return OutOfMemoryError();
+        return Wrap(id);
+    }
+    if (typeId == DataTypeIdOf<Color64>::id) {
+        Vector64 v;
+        if (!FromJson(j, &v)) return BadValue(j, typeId);
+        return Wrap(Color64{v.x, v.y, v.z});
+    }
+    if (typeId == DataTypeIdOf<Vector2i64>::id) {
+        Vector2i64 v;
+        if (!j.is_array() || j.size() != 2 || !JsonToInteger(j[0], &v.x) || !JsonToInteger(j[1], &v.y)) {
+            return BadValue(j, typeId);
+        }
+        return Wrap(v);
+    }
+    if (typeId == DataTypeIdOf<TimeValue>::id) {
+        Float64 v;
+        if (!JsonToNumber(j, &v) || std::isnan(v)) return BadValue(j, typeId);
+        return Wrap(TimeValue{v});
     }
     return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                      FormatMessage("Values of type @ cannot be given as JSON", {typeId}));
@@ -276,8 +310,13 @@ bool ParseVectorText(std::string_view text, Vector64* out) {
 }
 
 bool WriteOutputLine(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fputc('\n', stdout) == EOF || std::fflush(stdout) != 0) {
+    // One lock over the line and its line feed: a thread printing events beside a JSON-lines
+    // session never splits a line.
+    flockfile(stdout);
+    const bool ok = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+                    std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
+    funlockfile(stdout);
+    if (!ok) {
         std::fprintf(stderr, "quorv: cannot write standard output: %s\n", std::strerror(errno));
         return false;
     }
