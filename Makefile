@@ -32,6 +32,8 @@ run: build
 	$(QUORV) intersect classes
 	$(QUORV) intersect render --sphere 64 --size 512x512 -o sphere_depth.exr --normals sphere_normals.png
 	@echo "Wrote sphere_depth.exr and sphere_normals.png"
+	$(QUORV) nodes exchange --descriptions data/nodes
+	$(QUORV) nodes world --descriptions data/nodes < data/nodes/session.jsonl
 
 asan:
 	$(MAKE) test PRESET=asan

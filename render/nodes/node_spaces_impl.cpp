@@ -298,8 +298,6 @@ const bool g_helpersDefined = [] {
 
 }  // namespace
 
-QUORV_DEFINE_NONVIRTUAL_INTERFACE(NodeSpaceHelpersInterface)
-
 void DeactivateMaterialParameterCache() {
     MaterialParameterCache& cache = Cache();
     decltype(cache.map) released;

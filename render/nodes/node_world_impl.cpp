@@ -397,6 +397,4 @@ void FreeNodeWorld() {
     ReleaseState<ActiveNodeSpaceState>(g_nodeSpaceWord);
 }
 
-QUORV_DEFINE_NONVIRTUAL_INTERFACE(NodeWorldInterface)
-
 }  // namespace quorv::nodes
