@@ -73,8 +73,8 @@ public:
         }
         if (!snapshot) return;
         for (const auto& [id, record] : snapshot->observers) {
-            Ref<Record> r = record;
-            if (r->alive.load(std::memory_order_acquire)) r->observer(args...);
+            const Ref<Record> r = record;
+            if (r && r->alive.load(std::memory_order_acquire)) r->observer(args...);
         }
     }
 
