@@ -35,6 +35,8 @@ run: build
 	$(QUORV) preview providers
 	$(QUORV) preview render --provider materialball --size 256x192 -o ball.png --strip ball_strip.png
 	@echo "Wrote ball.png and ball_strip.png (the iterations side by side)"
+	$(QUORV) nodes exchange --descriptions data/nodes
+	$(QUORV) nodes world --descriptions data/nodes < data/nodes/session.jsonl
 
 asan:
 	$(MAKE) test PRESET=asan

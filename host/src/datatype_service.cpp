@@ -1,4 +1,5 @@
 // The data type library: one table of every type by id and in registration order.
+#include "quorv/datadescription.h"
 #include "datatype_service.h"
 
 #include <algorithm>
@@ -282,6 +283,8 @@ void CreateBuiltIns() {
     AddBuiltIn<IdArray, OPS>(g, "BaseArray<Id>", K::TUPLE);
     AddBuiltIn<Vector2i64, BYTES>(g, "Vector2i64", K::TUPLE);
     AddBuiltIn<TimeValue, OPS>(g, "TimeValue", K::TUPLE);
+    AddBuiltIn<DataDictionary, OPS>(g, "DataDictionary", K::PRIMITIVE);
+    AddBuiltIn<IdStringTuple, OPS>(g, "Tuple<Id,String>", K::TUPLE);
     AddBuiltIn(g, CLASS_DATATYPE_ID, "ClassObject*", K::PRIMITIVE, sizeof(ClassPtr),
                alignof(ClassPtr), &CLASS_OPERATIONS);
 }

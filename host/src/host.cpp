@@ -76,6 +76,7 @@ Host& Host::Start(const HostOptions& options) {
     RegisterWeakRefService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
+    RegisterDataDescriptionService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);
     // The registries of test classes are the host's: its runner lists them before any module
     // has put a class there.

@@ -32,6 +32,7 @@ void HostCriticalOutput(const std::string& message);
 /// Drops the calling thread's current error (before a module that made it is unloaded).
 void ClearCurrentError();
 void SetCriticalEcho(bool echo);
+bool GetCriticalEcho();
 std::vector<std::string> GetCriticalLogCopy();
 void ClearCriticalLogEntries();
 void SetFailCountdown(Int n);
@@ -58,6 +59,10 @@ Result<std::string> LoadResourceStringFrom(const std::string& directory,
                                            const std::string& language, std::string_view resourceId,
                                            std::string_view key);
 void RegisterStringConversionService(Host& host);
+/// Data descriptions of the registered folders, the current language and the warning log.
+void RegisterDataDescriptionService(Host& host);
+/// The language of `HostOptions::language` ("en" by default).
+std::string GetCurrentLanguageName();
 void RegisterDataSerializeService(Host& host);
 
 // ---- classes, registries, application, description databases -------------------------------

@@ -89,6 +89,11 @@ void SetResourceOptions(const std::string& directory, const std::string& languag
     g_language = language.empty() ? "en" : language;
 }
 
+std::string GetCurrentLanguageName() {
+    std::lock_guard<std::mutex> lock(g_resourceMutex);
+    return g_language;
+}
+
 std::string GetResourceDirectory() {
     std::lock_guard<std::mutex> lock(g_resourceMutex);
     return g_resourceDirectory.empty() ? DefaultResourceDirectory() : g_resourceDirectory;

@@ -138,6 +138,8 @@ void ClearCurrentError() { t_currentError = Error(); }
 
 void SetCriticalEcho(bool echo) { g_echo = echo; }
 
+bool GetCriticalEcho() { return g_echo; }
+
 std::vector<std::string> GetCriticalLogCopy() {
     std::lock_guard<std::mutex> lock(g_logMutex);
     return g_criticalLog;

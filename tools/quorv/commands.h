@@ -39,5 +39,6 @@ void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<
 void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddPreviewCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddNodesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

@@ -86,6 +86,7 @@ int main(int argc, char** argv) {
     AddIntersectCommand(app, options, run);
     AddAssetCommand(app, options, run);
     AddSceneObjectCommand(app, options, run);
+    AddNodesCommand(app, options, run);
     AddPlaceholderCommand(app, options, run);
     AddPreviewCommand(app, options, run);
     try {

@@ -1,0 +1,675 @@
+// Node spaces, the default material exchange and the node world, white-box: the module's
+// sources are linked into this binary. CTest runs every test in a process of its own, which
+// the process-wide description cache and the one-way "unload" rely on.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quorv/host/warnings.h"
+#include "render/nodes/node_spaces.h"
+#include "render/nodes/node_world.h"
+
+namespace quorv::nodes {
+namespace {
+
+constexpr const char* PLAIN = "net.quorv.test.nodespace.plain";
+constexpr const char* WARNING_PLAIN =
+    "Warning for net.quorv.test.nodespace.plain: overwriting specified "
+    "NODESPACE::MATERIALEXCHANGEBUNDLEIDS because fallback NODESPACE::MATERIALEXCHANGECLASS is "
+    "defined";
+
+// A space class of the base's components and an empty one of its own, as other modules bring.
+class TestSpaceClass {
+public:
+    TestSpaceClass(TranslationUnitRecord& unit, const char* id) {
+        _components[0] = &_component;
+        DefineSimpleClass(_component, _class, _components, LiteralId(id),
+                          LiteralId(NODESPACE_CLASS_REGISTRY_ID), unit, __FILE__);
+        FillComponentState<Empty>(_component);
+        _component.fillMTable = [](ClassObject*, const ComponentInfo*) { return true; };
+        _component.interface = &NodeSpaceInterface::Record();
+        _class.create = &CreateComposedClassFromRecord;
+        _class.bases[0] = {NODESPACE_CLASS_REGISTRY_ID, NODESPACE_BASE_CLASS_ID};
+        _class.baseCount = 1;
+    }
+
+private:
+    struct Empty {
+        char unused = 0;
+    };
+    ComponentRecord _component;
+    ComposedClassRecord _class;
+    const ComponentRecord* _components[1] = {nullptr};
+};
+
+ModuleUnit g_unit(__FILE__, {{&g_nodeSpaceInterfaceRecord, "render/nodes/node_spaces.h"}});
+TestSpaceClass g_plain(g_unit, PLAIN);
+TestSpaceClass g_builtin(g_unit, BUILTIN_SPACE_ID);
+
+std::string Text(const ErrorObject* e) { return e && e->message ? e->message : ""; }
+
+NodeSpaceInterface::Ref MakeSpace(const char* id) {
+    Result<ObjectRef> o = CreateObjectById(LiteralId(NODESPACE_CLASS_REGISTRY_ID), LiteralId(id));
+    EXPECT_TRUE(o.IsOk()) << ErrorToString(o.GetErrorPointer());
+    if (o.IsError()) return {};
+    return NodeSpaceInterface::Ref::Cast(o.GetValue()).GetValue();
+}
+
+ClassObject* ClassOf(const char* registry, const char* id) {
+    Result<const ClassObject*> c = FindClass(LiteralId(registry), LiteralId(id));
+    EXPECT_TRUE(c.IsOk());
+    return c.IsOk() ? const_cast<ClassObject*>(c.GetValue()) : nullptr;
+}
+
+IdArray Ids(std::initializer_list<const char*> texts) {
+    IdArray a;
+    for (const char* t : texts) a.push_back(Id::Intern(t));
+    return a;
+}
+
+DataDictionary Dict() { return DataDictionary::Create().GetValue(); }
+
+template <typename T>
+DataDictionary With(DataDictionary d, const DataDictionaryKey& key, const T& value) {
+    EXPECT_TRUE(d.SetData(key, Data::Of(value)).IsOk());
+    return d;
+}
+
+TEST(NodeSpaceInit, ClassesRegisterWithoutCriticalMessages) {
+    for (const std::string& m : host::Host::Get().GetCriticalLog()) ADD_FAILURE() << m;
+}
+
+// ---- Init ---------------------------------------------------------------------------------
+
+struct InitCase {
+    const char* name;
+    const char* classId;
+    std::function<DataDictionary()> input;
+    std::string expectedName;
+    const char* expectedExchange;  // class id
+    bool bundlesPresent;
+    IdArray expectedBundles;
+    const char* warning;  // null: none
+};
+
+TEST(NodeSpaceInit, FillsWhatTheSpaceLeavesOut) {
+    ClassObject* base = ClassOf(NODESPACE_CLASS_REGISTRY_ID, NODESPACE_BASE_CLASS_ID);
+    const IdArray viewport = Ids({VIEWPORTMATERIAL_ID});
+    const std::vector<InitCase> cases = {
+        {"empty dictionary", PLAIN, [] { return Dict(); }, PLAIN, MATERIALEXCHANGE_DEFAULT_CLASS_ID,
+         true, viewport, nullptr},
+        {"bundles without exchange class warn and are replaced", PLAIN,
+         [] {
+             return With(Dict(), nodespacekey::MATERIALEXCHANGEBUNDLEIDS, Ids({"a.b", "c.d"}));
+         },
+         PLAIN, MATERIALEXCHANGE_DEFAULT_CLASS_ID, true, viewport, WARNING_PLAIN},
+        {"an empty bundle array gives no warning", PLAIN,
+         [] { return With(Dict(), nodespacekey::MATERIALEXCHANGEBUNDLEIDS, IdArray()); }, PLAIN,
+         MATERIALEXCHANGE_DEFAULT_CLASS_ID, true, viewport, nullptr},
+        {"an exchange class and no bundles: neither touched",
+         PLAIN,
+         [base] { return With(Dict(), nodespacekey::MATERIALEXCHANGECLASS, base); },
+         PLAIN,
+         NODESPACE_BASE_CLASS_ID,
+         false,
+         {},
+         nullptr},
+        {"the built-in space gets its two bundles", BUILTIN_SPACE_ID,
+         [base] { return With(Dict(), nodespacekey::MATERIALEXCHANGECLASS, base); },
+         BUILTIN_SPACE_ID, NODESPACE_BASE_CLASS_ID, true,
+         Ids({VIEWPORTMATERIAL_ID, BUILTIN_SPACE_BUNDLE_ID}), nullptr},
+        {"the built-in space overrides given bundles without warning", BUILTIN_SPACE_ID,
+         [base] {
+             return With(With(Dict(), nodespacekey::MATERIALEXCHANGECLASS, base),
+                         nodespacekey::MATERIALEXCHANGEBUNDLEIDS, Ids({"x.y"}));
+         },
+         BUILTIN_SPACE_ID, NODESPACE_BASE_CLASS_ID, true,
+         Ids({VIEWPORTMATERIAL_ID, BUILTIN_SPACE_BUNDLE_ID}), nullptr},
+        {"an empty name counts as missing", PLAIN,
+         [] { return With(Dict(), nodespacekey::SPACENAME, std::string()); }, PLAIN,
+         MATERIALEXCHANGE_DEFAULT_CLASS_ID, true, viewport, nullptr},
+        {"a given name is kept, a given space id overwritten", PLAIN,
+         [] {
+             return With(With(Dict(), nodespacekey::SPACENAME, std::string("Mine")),
+                         nodespacekey::SPACEID, Id::Intern("net.quorv.other"));
+         },
+         "Mine", MATERIALEXCHANGE_DEFAULT_CLASS_ID, true, viewport, nullptr},
+    };
+    for (const InitCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        host::ClearWarningLog();
+        NodeSpaceInterface::Ref space = MakeSpace(c.classId);
+        const DataDictionary given = c.input();
+        const DataDictionary before = given;
+        ASSERT_TRUE(space.Init(given).IsOk());
+        const DataDictionary d = space.GetData();
+        EXPECT_EQ(d.Get<Id>(nodespacekey::SPACEID, Id()), Id::Intern(c.classId));
+        EXPECT_EQ(d.Get<std::string>(nodespacekey::SPACENAME, "?"), c.expectedName);
+        ClassObject* exchange = d.Get<ClassObject*>(nodespacekey::MATERIALEXCHANGECLASS, nullptr);
+        ASSERT_NE(exchange, nullptr);
+        EXPECT_EQ(ClassInterface::GetId(exchange).View(), c.expectedExchange);
+        EXPECT_EQ(!d.GetData(nodespacekey::MATERIALEXCHANGEBUNDLEIDS).IsEmpty(), c.bundlesPresent);
+        if (c.bundlesPresent) {
+            EXPECT_EQ(d.Get<IdArray>(nodespacekey::MATERIALEXCHANGEBUNDLEIDS, IdArray()),
+                      c.expectedBundles);
+        }
+        const std::vector<std::string> warnings = host::GetWarningLog();
+        if (c.warning) {
+            ASSERT_EQ(warnings.size(), 1u);
+            EXPECT_EQ(warnings[0], c.warning);
+        } else {
+            EXPECT_TRUE(warnings.empty());
+        }
+        // The caller's dictionary was shared, so Init wrote to a private copy.
+        EXPECT_EQ(given.GetObject(), before.GetObject());
+        EXPECT_TRUE(given.GetData(nodespacekey::SPACEID).IsEmpty() ||
+                    std::string(c.name).find("space id") != std::string::npos);
+    }
+}
+
+TEST(NodeSpaceInit, FailedAllocationAtEachStepIsAnErrorNeverACrash) {
+    int failures = 0;
+    bool succeeded = false;
+    for (Int n = 1; n < 200 && !succeeded; ++n) {
+        NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+        const DataDictionary given = With(Dict(), nodespacekey::SPACENAME, std::string());
+        host::Host::Get().FailAllocationAfter(n);
+        Result<void> r = space.Init(given);
+        host::Host::Get().FailAllocationAfter(0);
+        if (r.IsOk()) {
+            succeeded = true;
+            EXPECT_EQ(space.GetData().Get<std::string>(nodespacekey::SPACENAME, ""), PLAIN);
+        } else {
+            ++failures;
+            EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::OUTOFMEMORY)
+                << ErrorToString(r.GetErrorPointer());
+            // Before the observer list exists, adding an observer is refused, not a crash.
+            auto none = DataChangedObserver::Create([](const DataDictionary&) {});
+            if (none.IsOk()) {
+                Result<ObserverHandleRef> h = space.AddDataChangedObserver(none.GetValue(), false);
+                (void)h;
+            }
+        }
+    }
+    EXPECT_TRUE(succeeded);
+    // The steps allocate (two copies, the class value, the array, the observable): at least four
+    // distinct failure points were reached before success.
+    EXPECT_GE(failures, 4);
+}
+
+// ---- observers ----------------------------------------------------------------------------
+
+TEST(NodeSpaceObservers, CallNowOnceAndFirstThenEveryChange) {
+    NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+    ASSERT_TRUE(space.Init(Dict()).IsOk());
+    std::vector<std::string> seen;
+    auto observer = DataChangedObserver::Create([&seen](const DataDictionary& d) {
+        seen.push_back(d.Get<std::string>(nodespacekey::SPACENAME, "?"));
+    });
+    ObserverHandleRef handle = space.AddDataChangedObserver(observer.GetValue(), true).GetValue();
+    ASSERT_EQ(seen, std::vector<std::string>{PLAIN});
+    space.SetData(With(Dict(), nodespacekey::SPACENAME, std::string("Second")));
+    ASSERT_EQ(seen, (std::vector<std::string>{PLAIN, "Second"}));
+    handle = {};  // the dropped handle ends the subscription
+    space.SetData(With(Dict(), nodespacekey::SPACENAME, std::string("Third")));
+    EXPECT_EQ(seen.size(), 2u);
+}
+
+TEST(NodeSpaceObservers, CopyNotifiesTheSourcesObservers) {
+    NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+    ASSERT_TRUE(space.Init(Dict()).IsOk());
+    int calls = 0;
+    auto observer = DataChangedObserver::Create([&calls](const DataDictionary&) { ++calls; });
+    ObserverHandleRef handle = space.AddDataChangedObserver(observer.GetValue(), false).GetValue();
+    Result<void*> copy = ClassInterface::CreateCopy(space.GetObject().Get(), QUORV_SOURCE_LOCATION);
+    ASSERT_TRUE(copy.IsOk()) << ErrorToString(copy.GetErrorPointer());
+    ObjectRef copyObject = ObjectRef::Adopt(static_cast<ObjectInstance*>(copy.GetValue()));
+    NodeSpaceInterface::Ref copied = NodeSpaceInterface::Ref::Cast(copyObject).GetValue();
+    EXPECT_EQ(copied.GetData().GetObject(), space.GetData().GetObject());
+    copied.SetData(Dict());
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(NodeSpaceObservers, HandleOutlivingItsSpaceIsHarmless) {
+    ObserverHandleRef handle;
+    {
+        NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+        ASSERT_TRUE(space.Init(Dict()).IsOk());
+        auto observer = DataChangedObserver::Create([](const DataDictionary&) {});
+        handle = space.AddDataChangedObserver(observer.GetValue(), false).GetValue();
+    }
+    handle = {};
+    SUCCEED();
+}
+
+TEST(NodeSpaceObservers, AddsAndDropsInsideADelegateChangeOnlyLaterWalks) {
+    auto observable = RaiiObservable<int>::Create().GetValue();
+    std::vector<std::string> log;
+    ObserverHandleRef first, second, added;
+    auto addOne = Delegate<void(int)>::Create([&](int v) {
+        log.push_back("first " + std::to_string(v));
+        if (v == 1) {
+            second = {};  // dropped while the walk of its snapshot goes on
+            auto late = Delegate<void(int)>::Create(
+                [&](int w) { log.push_back("added " + std::to_string(w)); });
+            added = observable->Add(late.GetValue()).GetValue();
+        }
+    });
+    auto other =
+        Delegate<void(int)>::Create([&](int v) { log.push_back("second " + std::to_string(v)); });
+    first = observable->Add(addOne.GetValue()).GetValue();
+    second = observable->Add(other.GetValue()).GetValue();
+    observable->Notify(1);
+    observable->Notify(2);
+    // The walk of 1 saw the old map, but the dropped record was silenced at once.
+    EXPECT_EQ(log, (std::vector<std::string>{"first 1", "first 2", "added 2"}));
+    EXPECT_EQ(observable->GetCount(), 2);
+}
+
+TEST(NodeSpaceObservers, OutOfMemoryAddsNone) {
+    auto observable = RaiiObservable<int>::Create().GetValue();
+    int calls = 0;
+    auto d = Delegate<void(int)>::Create([&](int) { ++calls; }).GetValue();
+    for (Int n = 1; n <= 4; ++n) {
+        host::Host::Get().FailAllocationAfter(n);
+        Result<ObserverHandleRef> h = observable->Add(d);
+        host::Host::Get().FailAllocationAfter(0);
+        if (h.IsOk()) continue;
+        EXPECT_EQ(h.GetErrorPointer()->kind, ERRORKIND::OUTOFMEMORY);
+    }
+    // Only the adds that succeeded are there; their handles are gone, so none remain.
+    EXPECT_EQ(observable->GetCount(), 0);
+    observable->Notify(0);
+    EXPECT_EQ(calls, 0);
+}
+
+// ---- helpers -------------------------------------------------------------------------------
+
+void RegisterTestDescriptions(const char* folder) {
+    ASSERT_TRUE(host::RegisterDescriptionFolder(std::string("net.quorv.test.") + folder,
+                                                std::string(QUORV_TEST_DATA_DIR) + "/" + folder)
+                    .IsOk());
+}
+
+TEST(NodeSpaceHelpers, DataOfRegisteredSpacesAndTranslatedNames) {
+    EXPECT_TRUE(
+        NodeSpaceHelpersInterface::GetNodeSpaceData(Id::Intern("net.quorv.unknown")).IsNull());
+    NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+    ASSERT_TRUE(space.Init(Dict()).IsOk());
+    ASSERT_TRUE(RegisterNodeSpace(Id::Intern(PLAIN), space).IsOk());
+    EXPECT_EQ(NodeSpaceHelpersInterface::GetNodeSpaceData(Id::Intern(PLAIN)).GetObject(),
+              space.GetData().GetObject());
+    UnregisterNodeSpace(Id::Intern(PLAIN));
+
+    EXPECT_TRUE(NodeSpaceHelpersInterface::LoadDescription(Id()).GetValue().IsNull());
+    RegisterTestDescriptions("nodes");
+    Result<DataDictionary> named =
+        NodeSpaceHelpersInterface::LoadDescription(Id::Intern("net.quorv.test.spacedescription"));
+    ASSERT_TRUE(named.IsOk()) << ErrorToString(named.GetErrorPointer());
+    EXPECT_EQ(named.GetValue().Get<std::string>(nodespacekey::SPACENAME, "?"), "Test Space");
+    Result<DataDictionary> nameless = NodeSpaceHelpersInterface::LoadDescription(
+        Id::Intern("net.quorv.test.namelessdescription"));
+    ASSERT_TRUE(nameless.IsOk());
+    EXPECT_EQ(nameless.GetValue().Get<std::string>(nodespacekey::SPACENAME, "?"), "");
+    Result<DataDictionary> missing =
+        NodeSpaceHelpersInterface::LoadDescription(Id::Intern("net.quorv.test.absent"));
+    ASSERT_TRUE(missing.IsError());
+    const std::string text = Text(missing.GetErrorPointer());
+    EXPECT_NE(text.find("net.quorv.test.absent"), std::string::npos) << text;
+    EXPECT_NE(text.find("category string"), std::string::npos) << text;
+    EXPECT_NE(text.find("string/en/net.quorv.test.absent.json"), std::string::npos) << text;
+}
+
+// ---- the default exchange --------------------------------------------------------------------
+
+MaterialExchangeInterface::Ref MakeExchange() {
+    Result<ObjectRef> o = CreateObjectById(LiteralId(MATERIALEXCHANGE_REGISTRY_ID),
+                                           LiteralId(MATERIALEXCHANGE_DEFAULT_CLASS_ID));
+    EXPECT_TRUE(o.IsOk());
+    return MaterialExchangeInterface::Ref::Cast(o.GetValue()).GetValue();
+}
+
+const PackedMaterialParameter* Parameter(const DataDictionary& d, const char* key) {
+    static thread_local Data held;
+    held = d.GetData(key);
+    return held.Get<PackedMaterialParameter>();
+}
+
+TEST(MaterialExchangeDefault, ParametersOfTheViewportDescription) {
+    MaterialExchangeInterface::Ref exchange = MakeExchange();
+    Result<void> other = exchange.Initialize(ObjectRef(), Id::Intern("net.quorv.other.bundle"));
+    ASSERT_TRUE(other.IsError());
+    EXPECT_EQ(Text(other.GetErrorPointer()),
+              "Illegal argument: Condition materialType == viewportMaterialId not fulfilled. ");
+    EXPECT_TRUE(exchange.Initialize(ObjectRef(), Id::Intern(VIEWPORTMATERIAL_ID)).IsOk());
+
+    // Without a database holding the description, the load fails and nothing is cached.
+    Result<DataDictionary> failed = exchange.GetMaterialParameters();
+    ASSERT_TRUE(failed.IsError());
+    EXPECT_NE(Text(failed.GetErrorPointer()).find(VIEWPORTMATERIAL_ID), std::string::npos);
+    RegisterTestDescriptions("nodes");
+
+    Result<DataDictionary> got = exchange.GetMaterialParameters();
+    ASSERT_TRUE(got.IsOk()) << ErrorToString(got.GetErrorPointer());
+    const DataDictionary p = got.GetValue();
+    // Inputs only: the output and the unclassified entry are left out; the duplicate id once.
+    EXPECT_EQ(p.GetCount(), 5);
+    const PackedMaterialParameter* color = Parameter(p, "net.quorv.viewport.color");
+    ASSERT_NE(color, nullptr);
+    ASSERT_NE(color->value.Get<Color64>(), nullptr);
+    EXPECT_EQ(color->value.Get<Color64>()->r, 0.8);
+    EXPECT_EQ(color->value.Get<Color64>()->b, 0.125);
+    EXPECT_TRUE(color->flag);
+    EXPECT_EQ(color->reference, nullptr);
+    // Type defaults where the entry gives none.
+    const PackedMaterialParameter* roughness = Parameter(p, "net.quorv.viewport.roughness");
+    ASSERT_NE(roughness, nullptr);
+    ASSERT_NE(roughness->value.Get<Float64>(), nullptr);
+    EXPECT_EQ(*roughness->value.Get<Float64>(), 0.0);
+    const PackedMaterialParameter* visible = Parameter(p, "net.quorv.viewport.visible");
+    ASSERT_NE(visible, nullptr);
+    ASSERT_NE(visible->value.Get<Bool>(), nullptr);
+    EXPECT_FALSE(*visible->value.Get<Bool>());
+    // A default beside an unknown type id is kept, its type not looked at.
+    const PackedMaterialParameter* tag = Parameter(p, "net.quorv.viewport.tag");
+    ASSERT_NE(tag, nullptr);
+    ASSERT_NE(tag->value.Get<std::string>(), nullptr);
+    EXPECT_EQ(*tag->value.Get<std::string>(), "keep");
+    // Of two entries with one identifier the later wins.
+    const PackedMaterialParameter* layers = Parameter(p, "net.quorv.viewport.layers");
+    ASSERT_NE(layers, nullptr);
+    ASSERT_NE(layers->value.Get<Int32>(), nullptr);
+    EXPECT_EQ(*layers->value.Get<Int32>(), 3);
+    EXPECT_EQ(Parameter(p, "net.quorv.viewport.result"), nullptr);
+    EXPECT_EQ(Parameter(p, "net.quorv.viewport.note"), nullptr);
+
+    // One shared dictionary for every call and every exchange object.
+    EXPECT_EQ(MakeExchange().GetMaterialParameters().GetValue().GetObject(), p.GetObject());
+    // The request is left as it is.
+    EXPECT_TRUE(
+        exchange.ConfigureTextureProviderRequest(PreviewImageRequestInterface::Ref()).IsOk());
+}
+
+TEST(MaterialExchangeDefault, NoDefaultAndAnUnknownTypeNameBoth) {
+    RegisterTestDescriptions("nodes_badtype");
+    Result<DataDictionary> got = MakeExchange().GetMaterialParameters();
+    ASSERT_TRUE(got.IsError());
+    EXPECT_EQ(got.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
+    EXPECT_EQ(Text(got.GetErrorPointer()),
+              "Illegal argument: Unknown data type net.quorv.no.such.type of parameter "
+              "net.quorv.viewport.mystery");
+}
+
+TEST(MaterialExchangeDefault, UnloadIsFinalEvenForACachedDictionary) {
+    RegisterTestDescriptions("nodes");
+    ASSERT_TRUE(MakeExchange().GetMaterialParameters().IsOk());
+    ASSERT_TRUE(
+        NodeWorldInterface::QuorvMessage(Id::Intern(nodeworldmessage::UNLOAD), Data()).IsOk());
+    Result<DataDictionary> after = MakeExchange().GetMaterialParameters();
+    ASSERT_TRUE(after.IsError());
+    EXPECT_EQ(Text(after.GetErrorPointer()),
+              "Illegal state: Condition _isActive == true not fulfilled. ");
+}
+
+TEST(MaterialExchangeDefault, ManyThreadsFirstUseBuildsOnce) {
+    RegisterTestDescriptions("nodes");
+    std::vector<const DataDictionaryObject*> seen(8, nullptr);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i) {
+        threads.emplace_back([&seen, i] {
+            Result<DataDictionary> r = MakeExchange().GetMaterialParameters();
+            if (r.IsOk()) seen[i] = r.GetValue().GetObject();
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    for (const DataDictionaryObject* d : seen) EXPECT_EQ(d, seen[0]);
+    EXPECT_NE(seen[0], nullptr);
+}
+
+// ---- the node world ----------------------------------------------------------------------
+
+Data Renderer(const char* id, const char* name) {
+    return Data::Of(IdStringTuple{Id::Intern(id), name});
+}
+
+Result<void> Send(const char* message, const Data& data) {
+    return NodeWorldInterface::QuorvMessage(Id::Intern(message), data);
+}
+
+TEST(NodeWorld, RenderersInsertedRenamedErased) {
+    FreeNodeWorld();
+    std::vector<std::string> events;
+    auto observer = RendererObserver::Create([&](const RendererRegistryObserverValue* v, Int n) {
+        std::string line = "[";
+        for (Int i = 0; i < n; ++i)
+            line += std::string(v[i].renderer.View()) + (v[i].inserted ? "+" : "-");
+        events.push_back(line + "]");
+    });
+    ObserverHandleRef h =
+        NodeWorldInterface::AddRendererRegistryObserver(observer.GetValue(), true).GetValue();
+    ASSERT_TRUE(Send(nodeworldmessage::RENDERERINSERTED, Renderer("r.one", "One")).IsOk());
+    ASSERT_TRUE(Send(nodeworldmessage::RENDERERINSERTED, Renderer("r.one", "Uno")).IsOk());
+    EXPECT_EQ(NodeWorldInterface::GetRendererName(Id::Intern("r.one")).GetValue(), "Uno");
+    ASSERT_TRUE(Send(nodeworldmessage::RENDERERERASED, Data::Of(Id::Intern("r.one"))).IsOk());
+    ASSERT_TRUE(Send(nodeworldmessage::RENDERERERASED, Data::Of(Id::Intern("r.never"))).IsOk());
+    EXPECT_EQ(NodeWorldInterface::GetRendererName(Id::Intern("r.one")).GetValue(), "");
+    EXPECT_EQ(events,
+              (std::vector<std::string>{"[]", "[r.one+]", "[r.one+]", "[r.one-]", "[r.never-]"}));
+    // Wrong data: the host's type check, nothing changed, nobody told.
+    Result<void> wrong = Send(nodeworldmessage::RENDERERINSERTED, Data::Of(Id::Intern("r.two")));
+    ASSERT_TRUE(wrong.IsError());
+    EXPECT_EQ(wrong.GetErrorPointer()->kind, ERRORKIND::ILLEGALSTATE);
+    EXPECT_EQ(events.size(), 5u);
+    ASSERT_TRUE(Send(nodeworldmessage::RENDERERINSERTED, Renderer("r.two", "Two")).IsOk());
+    std::vector<std::string> late;
+    auto second = RendererObserver::Create([&](const RendererRegistryObserverValue* v, Int n) {
+        for (Int i = 0; i < n; ++i) late.push_back(std::string(v[i].renderer.View()));
+    });
+    ObserverHandleRef h2 =
+        NodeWorldInterface::AddRendererRegistryObserver(second.GetValue(), true).GetValue();
+    EXPECT_EQ(late, std::vector<std::string>{"r.two"});  // the erased one is not listed
+    ASSERT_TRUE(Send("net.quorv.nodeworld.quorvmessage.somethingelse", Data()).IsOk());
+}
+
+TEST(NodeWorld, ActiveNodeSpaceNotifiesOnlyWhenItDiffers) {
+    FreeNodeWorld();
+    std::vector<std::string> seen;
+    auto observer = NodeSpaceObserver::Create([&](const Id& id) { seen.emplace_back(id.View()); });
+    ObserverHandleRef h =
+        NodeWorldInterface::AddActiveNodeSpaceObserver(observer.GetValue(), true).GetValue();
+    ASSERT_TRUE(Send(nodeworldmessage::NODESPACECHANGED, Data::Of(Id::Intern("s.a"))).IsOk());
+    ASSERT_TRUE(Send(nodeworldmessage::NODESPACECHANGED, Data::Of(Id::Intern("s.a"))).IsOk());
+    ASSERT_TRUE(Send(nodeworldmessage::NODESPACECHANGED, Data::Of(Id::Intern("s.b"))).IsOk());
+    EXPECT_EQ(seen, (std::vector<std::string>{"", "s.a", "s.b"}));
+    EXPECT_TRUE(Send(nodeworldmessage::NODESPACECHANGED, Data::Of(std::string("s.c"))).IsError());
+    EXPECT_EQ(NodeWorldInterface::GetActiveNodeSpace(), Id::Intern("s.b"));
+    // After the free step the state is made anew, empty.
+    h = {};
+    FreeNodeWorld();
+    EXPECT_TRUE(NodeWorldInterface::GetActiveNodeSpace().IsEmpty());
+}
+
+DataDictionary Prefs(Bool prefsChanged, DataDictionary prefs, Bool renderChanged,
+                     DataDictionary render) {
+    DataDictionary m = Dict();
+    m = With(m, preferenceskey::PREFERENCES_CHANGED, prefsChanged);
+    m = With(m, preferenceskey::RENDERDATA_CHANGED, renderChanged);
+    if (!prefs.IsNull()) m = With(m, preferenceskey::PREFERENCES, prefs);
+    if (!render.IsNull()) m = With(m, preferenceskey::RENDERDATA, render);
+    return m;
+}
+
+TEST(NodeWorld, WatchTest) {
+    const DataDictionary empty;
+    const DataDictionary a1 = With(Dict(), Int(1), Int(10));
+    const DataDictionary a2 = With(Dict(), Int(1), Int(11));
+    const DataDictionary a1b = With(With(Dict(), Int(1), Int(10)), Int(2), Int(5));
+    const DataDictionary sub1 = With(Dict(), Int(7), With(Dict(), Int(3), 1.5));
+    const DataDictionary sub2 = With(Dict(), Int(7), With(Dict(), Int(3), 2.5));
+    struct Case {
+        const char* name;
+        WatchList p, r;
+        Bool pc, rc;
+        DataDictionary oldP, newP, oldR, newR;
+        bool called;
+    };
+    const WatchList w1 = {{-1, 1}};
+    const WatchList w2 = {{-1, 2}};
+    const WatchList wsub = {{7, 3}};
+    const std::vector<Case> cases = {
+        {"two empty lists always", {}, {}, false, false, a1, a1, a1, a1, true},
+        {"watched value changed", w1, {}, true, false, a1, a2, empty, empty, true},
+        {"watched value equal", w1, {}, true, false, a1, a1b, empty, empty, false},
+        {"flag off hides the change", w1, {}, false, true, a1, a2, empty, empty, false},
+        {"absent before counts as changed", w2, {}, true, false, a1, a1b, empty, empty, true},
+        {"absent now counts as unchanged", w2, {}, true, false, a1b, a1, empty, empty, false},
+        {"sub-dictionary entry changed", wsub, {}, true, false, sub1, sub2, empty, empty, true},
+        {"render data list with its flag", {}, w1, false, true, empty, empty, a1, a2, true},
+        {"empty preferences list, render data unchanged",
+         {},
+         w1,
+         true,
+         true,
+         a1,
+         a2,
+         a1,
+         a1,
+         false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(IsWatchedChange(c.p, c.r, c.pc, c.rc, c.oldP, c.newP, c.oldR, c.newR), c.called)
+            << c.name;
+    }
+}
+
+TEST(NodeWorld, PreferencesStoredAndWatched) {
+    FreeNodeWorld();
+    int watching = 0, all = 0, first = 0;
+    DataDictionary lastPrefs, lastRender;
+    auto w = PreferencesObserver::Create([&](const DataDictionary& p, const DataDictionary& r) {
+        ++watching;
+        lastPrefs = p;
+        lastRender = r;
+    });
+    auto a = PreferencesObserver::Create([&](const DataDictionary& p, const DataDictionary&) {
+        if (all++ == 0) first = static_cast<int>(p.GetCount());
+    });
+    ObserverHandleRef hw = NodeWorldInterface::AddActivePreferencesObserver(
+                               w.GetValue(), false, WatchList{{-1, 1}}, WatchList{})
+                               .GetValue();
+    ObserverHandleRef ha =
+        NodeWorldInterface::AddActivePreferencesObserver(a.GetValue(), true, {}, {}).GetValue();
+    EXPECT_EQ(all, 1);  // callNow with the empty dictionaries
+    EXPECT_EQ(first, 0);
+    const DataDictionary p1 = With(Dict(), Int(1), Int(10));
+    const DataDictionary r1 = With(Dict(), Int(4), Int(40));
+    // Only render data flagged: the preferences are stored all the same.
+    ASSERT_TRUE(
+        Send(nodeworldmessage::PREFERENCESCHANGED, Data::Of(Prefs(false, p1, true, r1))).IsOk());
+    EXPECT_EQ(watching, 0);
+    EXPECT_EQ(all, 2);
+    // Both flags false: nothing happens.
+    ASSERT_TRUE(Send(nodeworldmessage::PREFERENCESCHANGED,
+                     Data::Of(Prefs(false, With(Dict(), Int(1), Int(99)), false, r1)))
+                    .IsOk());
+    EXPECT_EQ(all, 2);
+    // The stored preferences were p1: the same value again does not call the watcher.
+    ASSERT_TRUE(Send(nodeworldmessage::PREFERENCESCHANGED,
+                     Data::Of(Prefs(true, With(Dict(), Int(1), Int(10)), false, r1)))
+                    .IsOk());
+    EXPECT_EQ(watching, 0);
+    ASSERT_TRUE(Send(nodeworldmessage::PREFERENCESCHANGED,
+                     Data::Of(Prefs(true, With(Dict(), Int(1), Int(12)), false, DataDictionary())))
+                    .IsOk());
+    EXPECT_EQ(watching, 1);
+    EXPECT_EQ(lastPrefs.Get<Int>(Int(1), 0), 12);
+    EXPECT_EQ(lastRender.GetCount(), 0);  // a missing dictionary stores the empty one
+    Result<void> wrong = Send(nodeworldmessage::PREFERENCESCHANGED, Data::Of(Int(3)));
+    ASSERT_TRUE(wrong.IsError());
+    EXPECT_EQ(wrong.GetErrorPointer()->kind, ERRORKIND::ILLEGALSTATE);
+    EXPECT_EQ(all, 4);
+}
+
+// ---- threads -------------------------------------------------------------------------------
+
+TEST(NodeWorldThreads, RendererChurnAgainstReadersAndCallNowObservers) {
+    FreeNodeWorld();
+    std::atomic<bool> stop{false};
+    std::atomic<Int> calls{0};
+    const char* names[] = {"Alpha", "Beta", "Gamma"};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        for (int i = 0; i < 2000; ++i) {
+            const std::string id = "r." + std::to_string(i % 7);
+            if (i % 3 == 2) {
+                (void)Send(nodeworldmessage::RENDERERERASED, Data::Of(Id::Intern(id)));
+            } else {
+                (void)Send(nodeworldmessage::RENDERERINSERTED, Renderer(id.c_str(), names[i % 3]));
+            }
+        }
+        stop = true;
+    });
+    threads.emplace_back([&] {
+        while (!stop) {
+            Result<std::string> n = NodeWorldInterface::GetRendererName(Id::Intern("r.1"));
+            const std::string s = n.IsOk() ? n.GetValue() : "error";
+            EXPECT_TRUE(s.empty() || s == "Alpha" || s == "Beta" || s == "Gamma") << s;
+        }
+    });
+    threads.emplace_back([&] {
+        auto d = RendererObserver::Create(
+            [&](const RendererRegistryObserverValue*, Int n) { calls += n > 0 ? 1 : 0; });
+        while (!stop) {
+            ObserverHandleRef h =
+                NodeWorldInterface::AddRendererRegistryObserver(d.GetValue(), true).GetValue();
+        }
+    });
+    for (std::thread& t : threads) t.join();
+    SUCCEED() << calls.load();
+}
+
+TEST(NodeSpaceThreads, SetDataAgainstObserverChurn) {
+    NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
+    ASSERT_TRUE(space.Init(Dict()).IsOk());
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 2000; ++i) space.SetData(With(Dict(), Int(1), Int(i)));
+        stop = true;
+    });
+    std::thread churn([&] {
+        auto d = DataChangedObserver::Create(
+            [](const DataDictionary& dd) { EXPECT_FALSE(dd.IsNull()); });
+        while (!stop) {
+            ObserverHandleRef h = space.AddDataChangedObserver(d.GetValue(), true).GetValue();
+        }
+    });
+    writer.join();
+    churn.join();
+}
+
+TEST(NodeWorldThreads, FirstUseOfAStateFromManyThreadsMakesOne) {
+    FreeNodeWorld();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; ++i) {
+        threads.emplace_back([i] {
+            (void)Send(nodeworldmessage::RENDERERINSERTED,
+                       Renderer(("r.t" + std::to_string(i)).c_str(), "T"));
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    // Had two threads made a state each, one of them would hold fewer than six renderers.
+    std::vector<std::string> listed;
+    auto d = RendererObserver::Create([&](const RendererRegistryObserverValue* v, Int n) {
+        for (Int k = 0; k < n; ++k) listed.emplace_back(v[k].renderer.View());
+    });
+    ObserverHandleRef h =
+        NodeWorldInterface::AddRendererRegistryObserver(d.GetValue(), true).GetValue();
+    EXPECT_EQ(listed.size(), 6u);
+}
+
+}  // namespace
+}  // namespace quorv::nodes
