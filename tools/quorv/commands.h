@@ -38,5 +38,6 @@ void AddIntersectCommand(CLI::App& app, const GlobalOptions& options, std::funct
 void AddAssetCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddMediaCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

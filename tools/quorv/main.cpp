@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
     AddAssetCommand(app, options, run);
     AddSceneObjectCommand(app, options, run);
     AddPlaceholderCommand(app, options, run);
+    AddMediaCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

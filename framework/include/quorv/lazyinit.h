@@ -8,7 +8,8 @@
 /// job); `CancelAndReset` first cancels a pending job, then waits for it and resets.
 ///
 /// When the caller is itself a job, its cancellation cancels the work (the work's job is a
-/// child of the caller's). A cancelled load counts as a failure like any other.
+/// child of the caller's). A cancelled run is no failure of the work: it leaves the state
+/// UNINITIALIZED, so the next caller runs the work again.
 ///
 /// Thread safety: every operation takes the object's own lock; `Run` holds it while the work
 /// runs, so callers of one object queue up behind the first.
@@ -61,8 +62,10 @@ public:
         if (r.IsOk()) {
             _state = STATE::INITIALIZED;
             _job = JobRef();
-        } else if (queued.IsError()) {
-            _state = STATE::UNINITIALIZED;  // nothing ran: the next call tries again
+        } else if (queued.IsError() || IsOperationCancelled(r.GetErrorPointer()) ||
+                   ThreadServicesInterface::IsCancelled(_job.Get())) {
+            // Nothing ran, or the run was called off: the next call tries again.
+            _state = STATE::UNINITIALIZED;
             _job = JobRef();
         } else {
             _state = STATE::FAILED;
