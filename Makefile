@@ -32,6 +32,10 @@ run: build
 	$(QUORV) intersect classes
 	$(QUORV) intersect render --sphere 64 --size 512x512 -o sphere_depth.exr --normals sphere_normals.png
 	@echo "Wrote sphere_depth.exr and sphere_normals.png"
+	$(QUORV) media formats
+	$(QUORV) media detect data/ies/example_spot.ies
+	$(QUORV) media import data/ies/example_spot.ies -o example_spot.png
+	@echo "Wrote example_spot.png"
 
 asan:
 	$(MAKE) test PRESET=asan
@@ -48,6 +52,7 @@ bench:
 	PYTHONPATH=build/release/python /usr/bin/python3 bench/python_batch_bench.py
 	build/release/bin/bench_cloth
 	build/release/bin/bench_texture
+	build/release/bin/bench_media
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.

@@ -55,16 +55,6 @@ void OnProgress(void* user, Bool) {
     ProgressInterface::Break(session->progress.Get());
 }
 
-// Class values of a registry entry, or null.
-const ClassObject* ClassOfEntry(const char* registry, const std::string& id) {
-    Data value;
-    if (!RegistryInterface::FindEntryValue(LiteralId(registry), LiteralId(id.c_str()), &value))
-        return nullptr;
-    const DataType* classType = DataTypeLibInterface::GetRuntimeDataType(CLASS_DATATYPE_ID);
-    if (value.GetType() != classType) return nullptr;
-    return *static_cast<ClassObject* const*>(value.GetPointer());
-}
-
 std::vector<std::string> EntriesOf(const char* registry) {
     for (RegistryListing& l : ListRegistryEntries())
         if (l.id == registry) return l.entries;
