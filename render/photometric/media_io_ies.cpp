@@ -113,14 +113,7 @@ struct IesImportImpl {
         Result<DataDictionaryObjectInterface::Ref> format =
             DataDictionaryObjectInterface::Ref::Cast(formatObject.GetValue());
         if (format.IsError()) return format.GetError();
-        QUORV_RETURN_IF_ERROR(
-            SetInt(format.GetValue(), mediaids::FORMAT_TYPE, mediaids::FORMAT_TYPE_IMAGE));
-        // The web has one picture: the first and only subimage.
-        QUORV_RETURN_IF_ERROR(SetInt(format.GetValue(), mediaids::FORMAT_SUBIMAGEINDEX, 0));
-        QUORV_RETURN_IF_ERROR(
-            SetText(format.GetValue(), mediaids::FORMAT_PIXELFORMAT, data->pixelFormat));
-        QUORV_RETURN_IF_ERROR(SetInt(format.GetValue(), mediaids::FORMAT_WIDTH, data->width));
-        QUORV_RETURN_IF_ERROR(SetInt(format.GetValue(), mediaids::FORMAT_HEIGHT, data->height));
+        QUORV_RETURN_IF_ERROR(SetStreamKeys(format.GetValue(), *data, data->pixelFormat));
 
         Result<MediaStreamImageDataImportInterface::Ref> image =
             MediaStreamImageDataImportInterface::Ref::Cast(made.GetValue());
@@ -167,15 +160,7 @@ struct IesImportImpl {
             Result<DataDictionaryObjectInterface::Ref> properties =
                 DataDictionaryObjectInterface::Ref::Cast(propertiesObject.GetValue());
             if (properties.IsError()) return properties.GetError();
-            QUORV_RETURN_IF_ERROR(
-                SetInt(properties.GetValue(), mediaids::FORMAT_TYPE, mediaids::FORMAT_TYPE_IMAGE));
-            QUORV_RETURN_IF_ERROR(SetInt(properties.GetValue(), mediaids::FORMAT_SUBIMAGEINDEX, 0));
-            QUORV_RETURN_IF_ERROR(
-                SetInt(properties.GetValue(), mediaids::FORMAT_WIDTH, data->width));
-            QUORV_RETURN_IF_ERROR(
-                SetInt(properties.GetValue(), mediaids::FORMAT_HEIGHT, data->height));
-            QUORV_RETURN_IF_ERROR(
-                SetText(properties.GetValue(), mediaids::FORMAT_PIXELFORMAT, PIXELFORMAT));
+            QUORV_RETURN_IF_ERROR(SetStreamKeys(properties.GetValue(), *data, PIXELFORMAT));
             QUORV_RETURN_IF_ERROR(image.InitStream(propertiesObject.GetValue().Get()));
 
             LineTarget target{image, PixelFormatInterface::Find(data->pixelFormat.c_str()),
@@ -260,6 +245,17 @@ struct IesImportImpl {
             ies = Ref<IesImpl>::Adopt(copy);
         }
         return OK;
+    }
+
+    // The keys of a stream format or properties object: an image, the first and only subimage
+    // (a web has one picture), its size and the pixel format given.
+    static Result<void> SetStreamKeys(const DataDictionaryObjectInterface::Ref& o,
+                                      const IesStreamData& data, const std::string& pixelFormat) {
+        QUORV_RETURN_IF_ERROR(SetInt(o, mediaids::FORMAT_TYPE, mediaids::FORMAT_TYPE_IMAGE));
+        QUORV_RETURN_IF_ERROR(SetInt(o, mediaids::FORMAT_SUBIMAGEINDEX, 0));
+        QUORV_RETURN_IF_ERROR(SetText(o, mediaids::FORMAT_PIXELFORMAT, pixelFormat));
+        QUORV_RETURN_IF_ERROR(SetInt(o, mediaids::FORMAT_WIDTH, data.width));
+        return SetInt(o, mediaids::FORMAT_HEIGHT, data.height);
     }
 
     static Result<void> SetInt(const DataDictionaryObjectInterface::Ref& o, const char* key,

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/test_support.h"
+#include "quorv/image.h"
 #include "quorv/ref.h"
 #include "render/photometric/ies.h"
 

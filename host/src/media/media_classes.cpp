@@ -157,31 +157,36 @@ bool FillInput(ClassObject* cls, const ComponentInfo* info) {
            MediaConverterInterface::FillMTable<MediaInputImpl>(cls, info);
 }
 
-// One host class of one component; failures go to the critical log, as for the host's other
-// classes.
-void MakeClass(ComponentRecord& component, const char* id, const char* registry) {
-    component.type = static_cast<UInt32>(EntityBase::TYPE::COMPONENT);
-    component.id = LiteralId(id);
-    ClassObject* cls = ClassInterface::Alloc(component.id, 1, QUORV_SOURCE_LOCATION);
+// Finalizes a host class made of `add`'s components and registers it; failures go to the
+// critical log, as for the host's other classes.
+template <typename Add>
+void MakeClass(const char* id, Add&& add) {
+    ClassObject* cls = ClassInterface::Alloc(LiteralId(id), 1, QUORV_SOURCE_LOCATION);
     if (!cls) {
         HostCriticalOutput(std::string("The host's class ") + id +
                            " could not be made: out of memory");
         return;
     }
     Ref<ClassObject> holder(cls);
-    Result<void> made = ClassInterface::AddComponent(cls, &component);
+    Result<void> made = add(cls);
     if (made.IsOk()) made = ClassInterface::Finalize(cls);
     const DataType* classType = DataTypeLibInterface::GetRuntimeDataType(CLASS_DATATYPE_ID);
     Data value = classType ? Data::Make(classType, &cls) : Data();
     if (made.IsOk()) {
-        made = value.IsEmpty()
-                   ? Result<void>(OutOfMemoryError())
-                   : RegistryInterface::InsertEntry(LiteralId(registry), component.id, value);
+        made = value.IsEmpty() ? Result<void>(OutOfMemoryError())
+                               : RegistryInterface::InsertEntry(LiteralId(HOST_CLASS_REGISTRY_ID),
+                                                                LiteralId(id), value);
     }
     if (made.IsError()) {
         HostCriticalOutput(std::string("The host's class ") + id +
                            " could not be made: " + ErrorToString(made.GetErrorPointer()));
     }
+}
+
+void MakeComponentClass(ComponentRecord& component, const char* id) {
+    component.type = static_cast<UInt32>(EntityBase::TYPE::COMPONENT);
+    component.id = LiteralId(id);
+    MakeClass(id, [&](ClassObject* cls) { return ClassInterface::AddComponent(cls, &component); });
 }
 
 }  // namespace
@@ -201,33 +206,20 @@ void RegisterMediaClasses() {
     input.fillMTable = &FillInput;
     input.interface = &MediaInputInterface::Record();
     input.mtableSize = MediaInputInterface::COUNT * 2 * sizeof(void*);
-    MakeClass(input, mediaids::MEDIAINPUT_CLASS_ID, HOST_CLASS_REGISTRY_ID);
+    MakeComponentClass(input, mediaids::MEDIAINPUT_CLASS_ID);
     FillComponentRecord<MediaStreamImageDataImportImpl, MediaStreamImageDataImportInterface>(
         stream);
-    MakeClass(stream, mediaids::MEDIASTREAMIMAGEDATAIMPORT_CLASS_ID, HOST_CLASS_REGISTRY_ID);
+    MakeComponentClass(stream, mediaids::MEDIASTREAMIMAGEDATAIMPORT_CLASS_ID);
     // Formats and properties are plain data dictionary objects under ids of their own.
+    const ClassObject* dictionary = FindRegisteredClass(LiteralId(DATADICTIONARYOBJECT_CLASS_ID));
     for (const char* id :
          {mediaids::MEDIASTREAMFORMAT_CLASS_ID, mediaids::MEDIASTREAMPROPERTIES_CLASS_ID}) {
-        ClassObject* dictionary = FindRegisteredClass(LiteralId(DATADICTIONARYOBJECT_CLASS_ID));
-        ClassObject* cls =
-            dictionary ? ClassInterface::Alloc(LiteralId(id), 1, QUORV_SOURCE_LOCATION) : nullptr;
-        if (!cls) {
-            HostCriticalOutput(std::string("The host's class ") + id + " could not be made");
-            continue;
-        }
-        Ref<ClassObject> holder(cls);
-        Result<void> made = ClassInterface::AddComponents(cls, dictionary);
-        if (made.IsOk()) made = ClassInterface::Finalize(cls);
-        const DataType* classType = DataTypeLibInterface::GetRuntimeDataType(CLASS_DATATYPE_ID);
-        Data value = classType ? Data::Make(classType, &cls) : Data();
-        if (made.IsOk()) {
-            made = value.IsEmpty() ? Result<void>(OutOfMemoryError())
-                                   : RegistryInterface::InsertEntry(
-                                         LiteralId(HOST_CLASS_REGISTRY_ID), LiteralId(id), value);
-        }
-        if (made.IsError())
-            HostCriticalOutput(std::string("The host's class ") + id +
-                               " could not be made: " + ErrorToString(made.GetErrorPointer()));
+        MakeClass(id, [&](ClassObject* cls) -> Result<void> {
+            if (!dictionary)
+                return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                                 "no data dictionary object class");
+            return ClassInterface::AddComponents(cls, dictionary);
+        });
     }
 }
 
