@@ -14,6 +14,7 @@
 /// Thread safety: every operation takes the object's own lock; `Run` holds it while the work
 /// runs, so callers of one object queue up behind the first.
 
+#include <atomic>
 #include <mutex>
 
 #include "quorv/jobs.h"
@@ -32,6 +33,8 @@ public:
     /// already; the result of the one run, or the kept failure.
     template <typename F>
     Result<void> Run(F&& work) {
+        // The common call, once the value exists: one load, no lock.
+        if (_initialized.load(std::memory_order_acquire)) return OK;
         std::lock_guard<std::mutex> lock(_mutex);
         if (_state == STATE::INITIALIZED) return OK;
         if (_state == STATE::FAILED) {
@@ -62,6 +65,7 @@ public:
         if (r.IsOk()) {
             _state = STATE::INITIALIZED;
             _job = JobRef();
+            _initialized.store(true, std::memory_order_release);
         } else if (queued.IsError() || IsOperationCancelled(r.GetErrorPointer()) ||
                    ThreadServicesInterface::IsCancelled(_job.Get())) {
             // Nothing ran, or the run was called off: the next call tries again.
@@ -81,6 +85,7 @@ public:
     /// Back to UNINITIALIZED, dropping a finished job. A pending run is waited for first.
     void Reset() {
         std::lock_guard<std::mutex> lock(_mutex);
+        _initialized.store(false, std::memory_order_release);
         _state = STATE::UNINITIALIZED;
         _job = JobRef();
     }
@@ -95,6 +100,7 @@ public:
     }
 
 private:
+    std::atomic<bool> _initialized{false};  ///< INITIALIZED, readable without the lock
     mutable std::mutex _mutex;
     std::mutex _pendingMutex;  ///< guards `_pending` apart, so a canceller needn't wait for `_mutex`
     JobRef _pending;
