@@ -37,6 +37,10 @@ run: build
 	@echo "Wrote ball.png and ball_strip.png (the iterations side by side)"
 	$(QUORV) nodes exchange --descriptions data/nodes
 	$(QUORV) nodes world --descriptions data/nodes < data/nodes/session.jsonl
+	$(QUORV) media formats
+	$(QUORV) media detect data/ies/example_spot.ies
+	$(QUORV) media import data/ies/example_spot.ies -o example_spot.png
+	@echo "Wrote example_spot.png"
 
 asan:
 	$(MAKE) test PRESET=asan
@@ -54,6 +58,7 @@ bench:
 	build/release/bin/bench_cloth
 	build/release/bin/bench_texture
 	build/release/bin/bench_preview
+	build/release/bin/bench_media
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.

@@ -9,6 +9,7 @@
 
 #include "datatype_service.h"
 #include "host_internal.h"
+#include "media/media_internal.h"
 #include "services_impl.h"
 #include "quorv/unittest.h"
 
@@ -77,11 +78,15 @@ Host& Host::Start(const HostOptions& options) {
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     RegisterDataDescriptionService(host);
+    RegisterFileByteStreamService(host);
+    RegisterMediaSessionService(host);
     for (ServiceProvider provider : ServiceProviders()) provider(host);
     // The registries of test classes are the host's: its runner lists them before any module
     // has put a class there.
     CreateRegistry(LiteralId(UNITTEST_CLASS_REGISTRY_ID));
     CreateRegistry(LiteralId(SPEEDTEST_CLASS_REGISTRY_ID));
+    // Formats and handlers are registered by modules; the registries are the host's.
+    CreateMediaRegistries();
 
     // The host's own binary is bound and defined like a module.
     auto self = std::make_unique<LoadedModule>();
@@ -92,6 +97,7 @@ Host& Host::Start(const HostOptions& options) {
     host.BindModule(module, {});
     RegisterHostClasses();
     RegisterDataDescriptionObjectClass();
+    RegisterMediaClasses();
     Result<void> defined = host.RunDefinitions(module);
     if (defined.IsError()) {
         HostCriticalOutput("Definitions of the host binary failed: " +

@@ -60,10 +60,14 @@ struct IesImpl {
     UInt32 _checksum = 0;
 };
 
-/// Receives one finished row of a preview: `count` grey values. Called from worker threads,
-/// one row at a time per call, rows in any order.
+struct PixelFormatObject;
+
+/// Receives one finished row of a preview: `count` values in the pixel format `format` (grey
+/// Float32, "net.quorv.image.pixelformat.grey.f32"; null when the host has no pixel formats).
+/// Called from worker threads, one row at a time per call, rows in any order.
 struct PreviewSetLine {
-    Result<void> (*call)(void* user, Int row, const Float32* values, Int count) = nullptr;
+    Result<void> (*call)(void* user, Int row, const Float32* values, Int count,
+                         const PixelFormatObject* format) = nullptr;
     void* user = nullptr;
 };
 

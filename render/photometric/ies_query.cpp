@@ -5,6 +5,7 @@
 #include <cmath>
 #include <vector>
 
+#include "quorv/image.h"
 #include "quorv/parallel.h"
 #include "render/photometric/ies_impl.h"
 
@@ -105,8 +106,19 @@ Result<void> Bounce(const IesImpl* ies, Scene& scene) {
             counts[y * GRID + x] = cx * cy;
         }
     }
+    // The senders are cut into fixed blocks, each summing into an array of its own, and the
+    // arrays are added up in block order: the same web gives the same picture to the last bit
+    // whatever the number of workers and however the loop hands out the blocks (one array per
+    // worker would add in an order that changes from run to run).
     using Sums = std::vector<Float32>;
-    auto make = [] { return Sums(VERTICES, 0.0f); };
+    constexpr Int BLOCK = 64;
+    constexpr Int BLOCKS = (VERTICES + BLOCK - 1) / BLOCK;
+    std::vector<Sums> blocks;
+    try {
+        blocks.assign(static_cast<size_t>(BLOCKS), Sums());
+    } catch (...) {
+        return OutOfMemoryError();
+    }
     auto body = [&](Int from, Int to, Sums& sums) -> Result<void> {
         for (Int v = from; v < to; ++v) {
             const Float32 e = scene.direct[v];
@@ -144,17 +156,28 @@ Result<void> Bounce(const IesImpl* ies, Scene& scene) {
         }
         return OK;
     };
-    auto finish = [&](std::vector<Sums>& all) -> Result<void> {
-        scene.indirect.assign(VERTICES, 0.0f);
-        for (const Sums& s : all) {
-            for (Int v = 0; v < VERTICES; ++v) scene.indirect[v] += s[v];
-        }
-        for (Int v = 0; v < VERTICES; ++v) {
-            scene.indirect[v] *= 1.0f / static_cast<Float32>(counts[v % WALL_VERTICES]);
+    Result<void> r = ParallelFor(0, BLOCKS, 1, [&](Int a, Int b, Int) -> Result<void> {
+        for (Int k = a; k < b; ++k) {
+            Sums& sums = blocks[static_cast<size_t>(k)];
+            try {
+                sums.assign(VERTICES, 0.0f);
+            } catch (...) {
+                return OutOfMemoryError();
+            }
+            QUORV_RETURN_IF_ERROR(body(k * BLOCK, std::min<Int>((k + 1) * BLOCK, VERTICES), sums));
         }
         return OK;
-    };
-    return ParallelForWithContext<Sums>(0, VERTICES, 64, make, body, finish);
+    });
+    if (r.IsError()) return r;
+    scene.indirect.assign(VERTICES, 0.0f);
+    for (const Sums& s : blocks) {
+        if (s.empty()) continue;
+        for (Int v = 0; v < VERTICES; ++v) scene.indirect[v] += s[v];
+    }
+    for (Int v = 0; v < VERTICES; ++v) {
+        scene.indirect[v] *= 1.0f / static_cast<Float32>(counts[v % WALL_VERTICES]);
+    }
+    return OK;
 }
 
 // The grey value of one subsample ray from the camera at (0, 0, -3); false when it hits nothing.
@@ -308,6 +331,7 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
     } catch (...) {
         return OutOfMemoryError();
     }
+    const PixelFormatObject* lineFormat = FindPixelFormat("grey.f32");
     std::atomic<Int> rowsDone{0};
     using Row = std::vector<Float32>;
     auto make = [&] { return Row(static_cast<size_t>(N)); };
@@ -328,7 +352,7 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
                 }
                 row[static_cast<size_t>(px)] = static_cast<Float32>(sum * 0.0625);
             }
-            QUORV_RETURN_IF_ERROR(setLine.call(setLine.user, py, row.data(), N));
+            QUORV_RETURN_IF_ERROR(setLine.call(setLine.user, py, row.data(), N, lineFormat));
             const Int done = rowsDone.fetch_add(1) + 1;
             if (progress && progress->call) {
                 QUORV_RETURN_IF_ERROR(
@@ -353,7 +377,8 @@ Result<void> GeneratePreviewImage(const IesImpl* ies, const GreyImage32* image) 
     }
     PreviewSetLine setLine;
     setLine.user = const_cast<GreyImage32*>(image);
-    setLine.call = [](void* user, Int row, const Float32* values, Int count) -> Result<void> {
+    setLine.call = [](void* user, Int row, const Float32* values, Int count,
+                      const PixelFormatObject*) -> Result<void> {
         auto* target = static_cast<GreyImage32*>(user);
         std::copy(values, values + count, target->pixels + row * target->stride);
         return OK;

@@ -787,7 +787,7 @@ TEST(IesPreview, DelegatesAndProgress) {
         std::atomic<int> progress{0};
         std::atomic<Float64> last{0};
     } state;
-    PreviewSetLine setLine{[](void* u, Int, const Float32*, Int count) -> Result<void> {
+    PreviewSetLine setLine{[](void* u, Int, const Float32*, Int count, const PixelFormatObject*) -> Result<void> {
                                EXPECT_EQ(count, 16);
                                static_cast<State*>(u)->rows++;
                                return OK;
@@ -806,7 +806,7 @@ TEST(IesPreview, DelegatesAndProgress) {
     EXPECT_EQ(state.progress.load(), 16);
     EXPECT_EQ(state.last.load(), 1.0);
 
-    PreviewSetLine failing{[](void*, Int, const Float32*, Int) -> Result<void> {
+    PreviewSetLine failing{[](void*, Int, const Float32*, Int, const PixelFormatObject*) -> Result<void> {
                                return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "disk full");
                            },
                            nullptr};

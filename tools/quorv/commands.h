@@ -40,5 +40,6 @@ void AddSceneObjectCommand(CLI::App& app, const GlobalOptions& options, std::fun
 void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddPreviewCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 void AddNodesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
+void AddMediaCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run);
 
 }  // namespace quorv::cli

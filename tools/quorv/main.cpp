@@ -89,6 +89,7 @@ int main(int argc, char** argv) {
     AddNodesCommand(app, options, run);
     AddPlaceholderCommand(app, options, run);
     AddPreviewCommand(app, options, run);
+    AddMediaCommand(app, options, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -8,11 +8,13 @@
 /// job); `CancelAndReset` first cancels a pending job, then waits for it and resets.
 ///
 /// When the caller is itself a job, its cancellation cancels the work (the work's job is a
-/// child of the caller's). A cancelled load counts as a failure like any other.
+/// child of the caller's). A cancelled run is no failure of the work: it leaves the state
+/// UNINITIALIZED, so the next caller runs the work again.
 ///
 /// Thread safety: every operation takes the object's own lock; `Run` holds it while the work
 /// runs, so callers of one object queue up behind the first.
 
+#include <atomic>
 #include <mutex>
 
 #include "quorv/jobs.h"
@@ -31,6 +33,8 @@ public:
     /// already; the result of the one run, or the kept failure.
     template <typename F>
     Result<void> Run(F&& work) {
+        // The common call, once the value exists: one load, no lock.
+        if (_initialized.load(std::memory_order_acquire)) return OK;
         std::lock_guard<std::mutex> lock(_mutex);
         if (_state == STATE::INITIALIZED) return OK;
         if (_state == STATE::FAILED) {
@@ -61,8 +65,11 @@ public:
         if (r.IsOk()) {
             _state = STATE::INITIALIZED;
             _job = JobRef();
-        } else if (queued.IsError()) {
-            _state = STATE::UNINITIALIZED;  // nothing ran: the next call tries again
+            _initialized.store(true, std::memory_order_release);
+        } else if (queued.IsError() || IsOperationCancelled(r.GetErrorPointer()) ||
+                   ThreadServicesInterface::IsCancelled(_job.Get())) {
+            // Nothing ran, or the run was called off: the next call tries again.
+            _state = STATE::UNINITIALIZED;
             _job = JobRef();
         } else {
             _state = STATE::FAILED;
@@ -78,6 +85,7 @@ public:
     /// Back to UNINITIALIZED, dropping a finished job. A pending run is waited for first.
     void Reset() {
         std::lock_guard<std::mutex> lock(_mutex);
+        _initialized.store(false, std::memory_order_release);
         _state = STATE::UNINITIALIZED;
         _job = JobRef();
     }
@@ -92,6 +100,7 @@ public:
     }
 
 private:
+    std::atomic<bool> _initialized{false};  ///< INITIALIZED, readable without the lock
     mutable std::mutex _mutex;
     std::mutex _pendingMutex;  ///< guards `_pending` apart, so a canceller needn't wait for `_mutex`
     JobRef _pending;

@@ -7,7 +7,8 @@
 // the subimage of that name instead of a frame. The colour profile is the embedded ICC profile;
 // without one, the file's colour space "sRGB" gives the sRGB profile and "Linear" (or float
 // data) the linear profile of the colour space; anything else leaves the picture without a
-// profile. The pixel storage class asked for is accepted and does not change the storage.
+// profile. Before all that, the media session asks the formats that modules registered (an IES
+// web opens as its preview picture). The pixel storage class asked for is accepted and does not change the storage.
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <cstring>
 
 #include "images/image_internal.h"
+#include "quorv/host/media.h"
 #include "quorv/url.h"
 
 namespace quorv::host {
@@ -48,6 +50,15 @@ Result<ImageTextureObject*> Load(const UrlObject* urlObject, Float64 time, const
     return GuardAllocation([&]() -> Result<ImageTextureObject*> {
         if (url.GetScheme() != LiteralId("file")) {
             return IoError(text, "only file urls can be read");
+        }
+        // The formats that modules register are asked first, the image library last: a file a
+        // format takes is that format's, and its reader's error is the answer. A file no format
+        // takes, or one the session cannot even open, goes on to the image library.
+        bool detected = false;
+        Result<ImageTextureObject*> imported = ImportMedia(url, {}, &detected);
+        if (detected) {
+            if (imported.IsOk()) imported.GetValue()->url = text;
+            return imported;
         }
         // Pixels as the file stores them: straight alpha stays straight (a texture's alpha
         // processing is the sampler's business).

@@ -3,7 +3,10 @@
 #include <string>
 #include <vector>
 
+#include <filesystem>
+
 #include "commands.h"
+#include "media_picture.h"
 #include "quorv/ref.h"
 #include "render/preview/previewimageplaceholder.h"
 
@@ -11,7 +14,13 @@ namespace quorv::cli {
 
 namespace {
 
-int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& ids) {
+// The file a placeholder is written to: the id with ".png", in `directory`.
+std::string PictureFile(const std::string& directory, const std::string& id) {
+    return (std::filesystem::path(directory) / (id + ".png")).string();
+}
+
+int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& ids,
+                   const std::string& directory) {
     if (!StartHost(global)) return 1;
     // Held until the end, so the same object shows the same identity.
     std::vector<Ref<ImageTextureObject>> held;
@@ -28,6 +37,14 @@ int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& 
         std::printf("%s\t%p\t%lldx%lld\n", id.c_str(), static_cast<const void*>(image.Get()),
                     static_cast<long long>(first ? ImageInterface::GetWidth(first) : 0),
                     static_cast<long long>(first ? ImageInterface::GetHeight(first) : 0));
+        if (!directory.empty()) {
+            Result<void> written = WritePicture(PictureFile(directory, id), first);
+            if (written.IsError()) {
+                const ErrorObject* e = written.GetErrorPointer();
+                std::fprintf(stderr, "quorv: %s\n", e && e->message ? e->message : "cannot write");
+                rc = 1;
+            }
+        }
         held.push_back(image);
     }
     return rc;
@@ -37,12 +54,15 @@ int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& 
 
 void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
     static std::vector<std::string> ids;
+    static std::string directory;
     CLI::App* cmd = app.add_subcommand(
         "placeholder",
         "Preview placeholder pictures by reason id: id, object identity, size (exit 1 if one is none)");
     cmd->add_option("ids", ids, "Reason ids, e.g. net.quorv.nodes.previewimageplaceholder.error")
         ->required();
-    cmd->callback([&] { run = [&] { return RunPlaceholder(options, ids); }; });
+    cmd->add_option("-o,--output", directory,
+                    "Folder to write each picture to, as ID.png (whole or not at all)");
+    cmd->callback([&] { run = [&] { return RunPlaceholder(options, ids, directory); }; });
 }
 
 }  // namespace quorv::cli
