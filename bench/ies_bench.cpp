@@ -69,7 +69,9 @@ void Query(benchmark::State& state, const char* file) {
 }
 
 // A real web of 37 vertical by 73 horizontal angles ("web" = nV * 1000 + nH).
-void BM_ComputeLightIntensity_37x73(benchmark::State& state) { Query(state, "rp_medium_scatter.ies"); }
+void BM_ComputeLightIntensity_37x73(benchmark::State& state) {
+    Query(state, "rp_medium_scatter.ies");
+}
 // A single plane of 19 vertical angles.
 void BM_ComputeLightIntensity_SinglePlane(benchmark::State& state) { Query(state, "rp_vee.ies"); }
 
@@ -90,10 +92,12 @@ void BM_ReadLargeWeb(benchmark::State& state) {
     const std::string text = t.str();
     for (auto _ : state) {
         IesImpl* ies = ies::Alloc(QUORV_SOURCE_LOCATION);
-        if (ies::InitFromText(ies, text.data(), static_cast<Int>(text.size())).IsError()) std::abort();
+        if (ies::InitFromText(ies, text.data(), static_cast<Int>(text.size())).IsError())
+            std::abort();
         ies::Free(ies);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(text.size()));
 }
 
 void BM_GeneratePreviewImage512(benchmark::State& state) {
@@ -104,7 +108,10 @@ void BM_GeneratePreviewImage512(benchmark::State& state) {
     std::vector<Float32> pixels(512 * 512);
     GreyImage32 image{512, 512, 512, pixels.data()};
     for (auto _ : state) {
-        if (ies::GeneratePreviewImage(ies, &image).IsError()) std::abort();
+        if (ies::GeneratePreviewImageRows(ies, image.width, image.height, ArraySetLine(&image),
+                                          nullptr)
+                .IsError())
+            std::abort();
     }
     benchmark::DoNotOptimize(pixels.data());
     ies::Free(ies);

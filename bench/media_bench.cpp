@@ -35,7 +35,10 @@ void BM_IesReadAndPreviewBare(benchmark::State& state) {
     for (auto _ : state) {
         IesImpl* ies = ies::Alloc(QUORV_SOURCE_LOCATION);
         if (ies::Init(ies, url.GetObject()).IsError()) std::abort();
-        if (ies::GeneratePreviewImage(ies, &image).IsError()) std::abort();
+        if (ies::GeneratePreviewImageRows(ies, image.width, image.height, ArraySetLine(&image),
+                                          nullptr)
+                .IsError())
+            std::abort();
         ies::Free(ies);
     }
     benchmark::DoNotOptimize(pixels.data());
@@ -47,7 +50,8 @@ void BM_IesPictureLoad(benchmark::State& state) {
     StartHost();
     const Url url = WebUrl();
     for (auto _ : state) {
-        Result<ImageTextureObject*> r = ImageTextureInterface::Load(url.GetObject(), 0.0, nullptr, nullptr);
+        Result<ImageTextureObject*> r =
+            ImageTextureInterface::Load(url.GetObject(), 0.0, nullptr, nullptr);
         if (r.IsError()) std::abort();
         ImageTextureInterface::Free(r.GetValue());
     }

@@ -274,7 +274,8 @@ struct Ies {
         Result<void> r = OK;
         {
             py::gil_scoped_release release;
-            r = IesInterface::GeneratePreviewImage(ref.Get(), &image);
+            r = IesInterface::GeneratePreviewImageRows(
+                ref.Get(), image.width, image.height, ArraySetLine(&image), nullptr);
         }
         Check(r);
         return out;

@@ -5,8 +5,8 @@
 /// table the module supplies; callers hold webs through `IesRef`.
 
 #include "quorv/basearray.h"
-#include "quorv/dataserialize.h"
 #include "quorv/datadictionary.h"
+#include "quorv/dataserialize.h"
 #include "quorv/string.h"
 #include "quorv/url.h"
 
@@ -61,6 +61,7 @@ struct IesImpl {
 };
 
 struct PixelFormatObject;
+struct ImageObject;
 
 /// Receives one finished row of a preview: `count` values in the pixel format `format` (grey
 /// Float32, "net.quorv.image.pixelformat.grey.f32"; null when the host has no pixel formats).
@@ -85,6 +86,22 @@ struct GreyImage32 {
     Float32* pixels = nullptr;
 };
 
+/// A `setLine` that copies each row into a caller's plain array, for callers that render with
+/// `GeneratePreviewImageRows` into memory of their own rather than into a host image. Rows come
+/// from several threads; each writes its own row only.
+inline PreviewSetLine ArraySetLine(const GreyImage32* image) {
+    PreviewSetLine setLine;
+    setLine.user = const_cast<GreyImage32*>(image);
+    setLine.call = [](void* user, Int row, const Float32* values, Int count,
+                      const PixelFormatObject*) -> Result<void> {
+        auto* target = static_cast<GreyImage32*>(user);
+        Float32* out = target->pixels + row * target->stride;
+        for (Int i = 0; i < count; ++i) out[i] = values[i];
+        return OK;
+    };
+    return setLine;
+}
+
 // clang-format off
 #define QUORV_IES_METHODS(M) \
     M(void, Free, (IesImpl* ies), (ies)) \
@@ -98,7 +115,7 @@ struct GreyImage32 {
     M(Float64, GetLightPowerRatio, (const IesImpl* ies), (ies)) \
     M(UInt32, GetChecksum, (const IesImpl* ies), (ies)) \
     M(const DataDictionary*, GetProperties, (const IesImpl* ies), (ies)) \
-    M(Result<void>, GeneratePreviewImage, (const IesImpl* ies, const GreyImage32* image), (ies, image)) \
+    M(Result<void>, GeneratePreviewImage, (const IesImpl* ies, ImageObject* image), (ies, image)) \
     M(Result<String>, ConvertToText, (const IesImpl* ies), (ies)) \
     M(Result<void>, GeneratePreviewImageRows, (const IesImpl* ies, Int width, Int height, const PreviewSetLine& setLine, const PreviewProgress* progress), (ies, width, height, setLine, progress)) \
     M(void, GetRawAccess, (IesImpl* ies, DataDictionary** properties, BaseArray<Float64>** anglesVertical, BaseArray<Float64>** anglesHorizontal, BaseArray<Float64>** data, Float64* dataMax, Float64* dataPower), (ies, properties, anglesVertical, anglesHorizontal, data, dataMax, dataPower)) \

@@ -16,7 +16,7 @@ Float64 ComputeLightIntensity(const IesImpl* ies, const Vector64& direction);
 Float64 GetLightPowerRatio(const IesImpl* ies);
 UInt32 GetChecksum(const IesImpl* ies);
 const DataDictionary* GetProperties(const IesImpl* ies);
-Result<void> GeneratePreviewImage(const IesImpl* ies, const GreyImage32* image);
+Result<void> GeneratePreviewImage(const IesImpl* ies, ImageObject* image);
 Result<String> ConvertToText(const IesImpl* ies);
 Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
                                       const PreviewSetLine& setLine,

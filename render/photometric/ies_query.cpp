@@ -60,9 +60,9 @@ constexpr Wall WALLS[6] = {
     {{-1, -1, -1}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}},
 };
 
-constexpr Int GRID = 32;                      // vertices per wall side
-constexpr Int CELLS = GRID - 1;               // cells per wall side
-constexpr Int WALL_VERTICES = GRID * GRID;    // 1024
+constexpr Int GRID = 32;                     // vertices per wall side
+constexpr Int CELLS = GRID - 1;              // cells per wall side
+constexpr Int WALL_VERTICES = GRID * GRID;   // 1024
 constexpr Int VERTICES = 6 * WALL_VERTICES;  // 6144
 constexpr Vec LIGHT{0, 0, 0.9};
 
@@ -130,7 +130,8 @@ Result<void> Bounce(const IesImpl* ies, Scene& scene) {
             // The sender steps by 1/32 where the vertices step by 1/31; deliberate, the
             // picture's brightness was tuned with it.
             const Vec sp = sender.origin + (sender.a * static_cast<Float64>(sx) +
-                                            sender.b * static_cast<Float64>(sy)) * 2 / 32;
+                                            sender.b * static_cast<Float64>(sy)) *
+                                               2 / 32;
             const Float64 factor = static_cast<Float64>(e) / 256;
             for (Int rw = 0; rw < 6; ++rw) {
                 if (rw == sw) continue;
@@ -138,13 +139,15 @@ Result<void> Bounce(const IesImpl* ies, Scene& scene) {
                 Float32* out = sums.data() + rw * WALL_VERTICES;
                 for (Int y = 0; y < CELLS; ++y) {
                     for (Int x = 0; x < CELLS; ++x) {
-                        const Vec c = receiver.origin + (receiver.a * (static_cast<Float64>(x) + 0.5) +
-                                                         receiver.b * (static_cast<Float64>(y) + 0.5)) *
-                                                            2 / 32;
+                        const Vec c =
+                            receiver.origin + (receiver.a * (static_cast<Float64>(x) + 0.5) +
+                                               receiver.b * (static_cast<Float64>(y) + 0.5)) *
+                                                  2 / 32;
                         const Vec d = c - sp;
                         const Float64 q = Dot(d, d);
                         if (!(q > 0)) continue;
-                        const Float64 ff = Dot(d, receiver.normal) * -Dot(d, sender.normal) / (q * q);
+                        const Float64 ff =
+                            Dot(d, receiver.normal) * -Dot(d, sender.normal) / (q * q);
                         const Float32 add = static_cast<Float32>(ff * factor);
                         out[y * GRID + x] += add;
                         out[y * GRID + x + 1] += add;
@@ -259,7 +262,10 @@ Float64 ComputeLightIntensity(const IesImpl* ies, const Vector64& direction) {
     if (range < 90) {
         f = 0;
     } else if (range < 135) {
-        f = phiDeg <= 90 ? phiDeg : phiDeg <= 180 ? 180 - phiDeg : phiDeg <= 270 ? phiDeg - 180 : 360 - phiDeg;
+        f = phiDeg <= 90    ? phiDeg
+            : phiDeg <= 180 ? 180 - phiDeg
+            : phiDeg <= 270 ? phiDeg - 180
+                            : 360 - phiDeg;
     } else if (range < 225) {
         const Float64 d = std::abs(h0 - phiDeg);
         f = d > 180 ? 360 - d : d;
@@ -321,7 +327,8 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
                          "Width and height of image must match.");
     }
     if (!ies || !setLine.call) {
-        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No IES object or line delegate");
+        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION,
+                         "No IES object or line delegate");
     }
     if (width <= 0) return OK;
     const Int N = width;
@@ -342,10 +349,11 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
             for (Int px = 0; px < N; ++px) {
                 Float64 sum = 0.0;
                 for (Int l = 0; l < 4; ++l) {
-                    const Float64 dy = step * (static_cast<Float64>(py) + l / 4.0 - static_cast<Float64>(half));
+                    const Float64 dy =
+                        step * (static_cast<Float64>(py) + l / 4.0 - static_cast<Float64>(half));
                     for (Int k = 0; k < 4; ++k) {
-                        const Float64 dx =
-                            step * (static_cast<Float64>(px) + k / 4.0 - static_cast<Float64>(half));
+                        const Float64 dx = step * (static_cast<Float64>(px) + k / 4.0 -
+                                                   static_cast<Float64>(half));
                         Float64 value;
                         if (Shade(ies, scene, dx, dy, &value)) sum += value;
                     }
@@ -355,8 +363,8 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
             QUORV_RETURN_IF_ERROR(setLine.call(setLine.user, py, row.data(), N, lineFormat));
             const Int done = rowsDone.fetch_add(1) + 1;
             if (progress && progress->call) {
-                QUORV_RETURN_IF_ERROR(
-                    progress->call(progress->user, static_cast<Float64>(done) / static_cast<Float64>(N)));
+                QUORV_RETURN_IF_ERROR(progress->call(
+                    progress->user, static_cast<Float64>(done) / static_cast<Float64>(N)));
             }
         }
         return OK;
@@ -369,21 +377,30 @@ Result<void> GeneratePreviewImageRows(const IesImpl* ies, Int width, Int height,
     }
 }
 
-Result<void> GeneratePreviewImage(const IesImpl* ies, const GreyImage32* image) {
+Result<void> GeneratePreviewImage(const IesImpl* ies, ImageObject* image) {
     if (!image) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "No image");
-    if (image->width == image->height && image->width > 0 &&
-        (!image->pixels || image->stride < image->width)) {
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "Image has no pixels");
+    // The rows arrive as grey Float32; the image's set-pixel handler converts them into the
+    // image's own format. The size goes on unchanged, so a non-square image gets the rows
+    // operation's error.
+    const PixelFormatObject* grey = FindPixelFormat("grey.f32");
+    if (!grey) {
+        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                         "No grey.f32 pixel format");
     }
+    Result<PixelWriteHandler*> handler = ImageInterface::SetPixelHandler(image, grey);
+    if (handler.IsError()) return handler.GetError();
+    Ref<PixelWriteHandler> write = Ref<PixelWriteHandler>::Adopt(handler.GetValue());
     PreviewSetLine setLine;
-    setLine.user = const_cast<GreyImage32*>(image);
+    setLine.user = write.Get();
+    // The handler keeps no state between calls, so rows may be written from several threads.
     setLine.call = [](void* user, Int row, const Float32* values, Int count,
                       const PixelFormatObject*) -> Result<void> {
-        auto* target = static_cast<GreyImage32*>(user);
-        std::copy(values, values + count, target->pixels + row * target->stride);
+        auto* target = static_cast<PixelWriteHandler*>(user);
+        target->write(target, 0, row, count, values);
         return OK;
     };
-    return GeneratePreviewImageRows(ies, image->width, image->height, setLine, nullptr);
+    return GeneratePreviewImageRows(ies, ImageInterface::GetWidth(image),
+                                    ImageInterface::GetHeight(image), setLine, nullptr);
 }
 
 }  // namespace quorv::ies

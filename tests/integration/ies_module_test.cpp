@@ -1,11 +1,10 @@
 // Photometric webs through the built library and through the command line: the module's
 // implementation of "net.quorv.render.interface.ies" reaches this binary's table at load.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdio>
-#include <sys/wait.h>
-
 #include <memory>
 #include <string>
 
@@ -35,7 +34,8 @@ TEST(IesModule, SlotsBoundAtLoadAndWebRead) {
     const DataDictionary* props = IesInterface::GetProperties(p);
     EXPECT_EQ(props->Get<IESVERSION>(IesPropertyVersion, IESVERSION::V1986), IESVERSION::V2002);
     EXPECT_EQ(props->Get<std::string>(IesPropertyLamp, ""), "LED module 2000 lm");
-    EXPECT_EQ(props->Get<AREALIGHTSHAPE>(IesPropertyShape, AREALIGHTSHAPE::NONE), AREALIGHTSHAPE::DISC);
+    EXPECT_EQ(props->Get<AREALIGHTSHAPE>(IesPropertyShape, AREALIGHTSHAPE::NONE),
+              AREALIGHTSHAPE::DISC);
 
     // Straight down the axis is the web's first value, a hair off the pole.
     const Float64 axis = IesInterface::ComputeLightIntensity(p, {0, 0, -1});
@@ -53,7 +53,8 @@ TEST(IesModule, SlotsBoundAtLoadAndWebRead) {
     IesInterface::Free(copy);
 
     GreyImage32 wrong{8, 4, 8, nullptr};
-    Result<void> r = IesInterface::GeneratePreviewImage(p, &wrong);
+    Result<void> r = IesInterface::GeneratePreviewImageRows(p, wrong.width, wrong.height,
+                                                            ArraySetLine(&wrong), nullptr);
     ASSERT_TRUE(r.IsError());
     EXPECT_STREQ(r.GetErrorPointer()->message, "Width and height of image must match.");
 }
@@ -67,17 +68,20 @@ TEST(IesModule, CommandLine) {
     EXPECT_NE(info.find("\"version\":\"V2002\""), std::string::npos) << info;
 
     // The reader's text stays exact behind the file's name.
-    const std::string tooMany = std::string(QUORV_SOURCE_DIR) + "/tests/data/ies/too_many_angles.ies";
+    const std::string tooMany =
+        std::string(QUORV_SOURCE_DIR) + "/tests/data/ies/too_many_angles.ies";
     std::string bad = test::RunCommand(cli + " ies info " + tooMany + " 2>&1", &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(bad, "quorv: " + tooMany + ": IES: Incorrect number or angles\n");
 
-    std::string values = test::RunCommand("printf '[0,0,1]\\n[0,0,-1]\\n' | " + cli + " ies intensity " + EXAMPLE);
+    std::string values =
+        test::RunCommand("printf '[0,0,1]\\n[0,0,-1]\\n' | " + cli + " ies intensity " + EXAMPLE);
     Result<Url> url = Url::FromText(EXAMPLE);
     ASSERT_NE(test::LoadModuleOnce(QUORV_MODULE_PATH), nullptr);
     IesRef ies = IesRef::Load(url.GetValue()).GetValue();
     EXPECT_EQ(values.substr(0, 4), "0.0\n");
-    EXPECT_EQ(std::stod(values.substr(4)), IesInterface::ComputeLightIntensity(ies.Get(), {0, 0, -1}))
+    EXPECT_EQ(std::stod(values.substr(4)),
+              IesInterface::ComputeLightIntensity(ies.Get(), {0, 0, -1}))
         << "the number reads back to the same bits";
 
     // The writer's text, as a file holds it.

@@ -116,7 +116,9 @@ std::vector<Float32> Preview(const fs::path& file) {
     EXPECT_TRUE(ies::Init(web, UrlOf(file).GetObject()).IsOk());
     std::vector<Float32> pixels(512 * 512);
     GreyImage32 image{512, 512, 512, pixels.data()};
-    EXPECT_TRUE(ies::GeneratePreviewImage(web, &image).IsOk());
+    EXPECT_TRUE(
+        ies::GeneratePreviewImageRows(web, image.width, image.height, ArraySetLine(&image), nullptr)
+            .IsOk());
     return pixels;
 }
 
@@ -127,6 +129,36 @@ std::vector<Float32> Pixels(const ImageObject* image) {
     std::vector<Float32> out(static_cast<size_t>(w * h));
     for (Int y = 0; y < h; ++y) read->read(read.Get(), 0, y, w, out.data() + y * w);
     return out;
+}
+
+// The preview rendered into a host image goes through the image's set-pixel handler: a grey
+// Float32 image holds the array preview to the bit, a Float64 one the same values widened; a
+// non-square image gets the rows operation's message and is left untouched.
+TEST(MediaIesImport, ThePreviewIntoAHostImage) {
+    const fs::path file = fs::path(QUORV_TEST_DATA_DIR) / "ies" / "sym_quadrant.ies";
+    IesImpl* web = ies::Alloc(QUORV_SOURCE_LOCATION);
+    Ref<IesImpl> hold = Ref<IesImpl>::Adopt(web);
+    ASSERT_TRUE(ies::Init(web, UrlOf(file).GetObject()).IsOk());
+    std::vector<Float32> expected(48 * 48);
+    GreyImage32 array{48, 48, 48, expected.data()};
+    ASSERT_TRUE(ies::GeneratePreviewImageRows(web, 48, 48, ArraySetLine(&array), nullptr).IsOk());
+    for (const char* format : {"grey.f32", "grey.f64"}) {
+        Ref<ImageObject> image = Ref<ImageObject>::Adopt(
+            ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, 48, 48,
+                                   FindPixelFormat(format))
+                .GetValue());
+        ASSERT_TRUE(ies::GeneratePreviewImage(web, image.Get()).IsOk()) << format;
+        EXPECT_EQ(Pixels(image.Get()), expected) << format;
+    }
+    Ref<ImageObject> wide = Ref<ImageObject>::Adopt(
+        ImageInterface::Create(imageids::IMAGECLASS_IMAGE, imageids::STORAGE_NORMAL, 8, 4,
+                               FindPixelFormat("grey.f32"))
+            .GetValue());
+    Result<void> r = ies::GeneratePreviewImage(web, wide.Get());
+    ASSERT_TRUE(r.IsError());
+    EXPECT_EQ(MessageOf(r.GetErrorPointer()), "Width and height of image must match.");
+    EXPECT_EQ(Pixels(wide.Get()), std::vector<Float32>(32, 0.0f));
+    EXPECT_TRUE(ies::GeneratePreviewImage(web, nullptr).IsError());
 }
 
 TEST(MediaIesImport, APictureLoadIsThePreviewBitForBit) {

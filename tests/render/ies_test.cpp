@@ -624,13 +624,15 @@ TEST(IesPreview, SizeErrorAndSymmetry) {
     ASSERT_TRUE(LoadFile(w.p, Own("sym_single.ies")).IsOk());
     std::vector<Float32> pixels(64 * 64, -1.0f);
     GreyImage32 wrong{64, 32, 64, pixels.data()};
-    Result<void> r = ies::GeneratePreviewImage(w.p, &wrong);
+    Result<void> r = ies::GeneratePreviewImageRows(
+                w.p, wrong.width, wrong.height, ArraySetLine(&wrong), nullptr);
     EXPECT_EQ(MessageOf(r), "Width and height of image must match.");
     EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
     EXPECT_EQ(pixels[0], -1.0f) << "nothing rendered";
 
     GreyImage32 image{64, 64, 64, pixels.data()};
-    ASSERT_TRUE(ies::GeneratePreviewImage(w.p, &image).IsOk());
+    ASSERT_TRUE(ies::GeneratePreviewImageRows(
+                w.p, image.width, image.height, ArraySetLine(&image), nullptr).IsOk());
     Float64 total = 0, asymmetry = 0;
     for (Int y = 0; y < 64; ++y) {
         for (Int x = 0; x < 64; ++x) {
@@ -653,7 +655,8 @@ TEST(IesPreview, SizeErrorAndSymmetry) {
     // A web lit on one side only is not symmetric at all.
     Web quadrant;
     ASSERT_TRUE(LoadFile(quadrant.p, Own("sym_full.ies")).IsOk());
-    ASSERT_TRUE(ies::GeneratePreviewImage(quadrant.p, &image).IsOk());
+    ASSERT_TRUE(ies::GeneratePreviewImageRows(
+                quadrant.p, image.width, image.height, ArraySetLine(&image), nullptr).IsOk());
     Float64 lopsided = 0, sum = 0;
     for (Int y = 0; y < 64; ++y) {
         for (Int x = 0; x < 64; ++x) {
@@ -762,7 +765,8 @@ TEST(IesPreview, RegionsMatchAnIndependentModel) {
         ASSERT_TRUE(LoadFile(w.p, Own(file)).IsOk());
         std::vector<Float32> pixels(32 * 32);
         GreyImage32 image{32, 32, 32, pixels.data()};
-        ASSERT_TRUE(ies::GeneratePreviewImage(w.p, &image).IsOk());
+        ASSERT_TRUE(ies::GeneratePreviewImageRows(
+                w.p, image.width, image.height, ArraySetLine(&image), nullptr).IsOk());
         const std::vector<Float64> model = ModelPreview(w.p, 32);
         // Means of 8 x 8 blocks: the ceiling, the walls left and right, the back wall, the floor.
         const std::pair<int, int> blocks[] = {{12, 0}, {0, 12}, {24, 12}, {12, 12}, {12, 24}, {4, 24}};

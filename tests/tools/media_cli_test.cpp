@@ -87,7 +87,10 @@ TEST(MediaCli, ImportWritesThePreviewWithProgress) {
     ASSERT_TRUE(web.IsOk());
     std::vector<Float32> preview(512 * 512);
     GreyImage32 target{512, 512, 512, preview.data()};
-    ASSERT_TRUE(IesInterface::GeneratePreviewImage(web.GetValue().Get(), &target).IsOk());
+    ASSERT_TRUE(IesInterface::GeneratePreviewImageRows(web.GetValue().Get(), target.width,
+                                                       target.height, ArraySetLine(&target),
+                                                       nullptr)
+                    .IsOk());
     EXPECT_EQ(std::memcmp(written.data(), preview.data(), preview.size() * sizeof(Float32)), 0);
 }
 

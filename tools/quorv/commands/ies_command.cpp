@@ -7,16 +7,17 @@
 
 #include "commands.h"
 #include "jsonio.h"
-#include "values.h"
 #include "quorv/host/batch.h"
 #include "quorv/host/image_writer.h"
 #include "render/photometric/ies.h"
+#include "values.h"
 
 namespace quorv::cli {
 
 namespace {
 
-const char* const INTENSITY_HELP = R"(Reads JSON lines on stdin, each a direction [x,y,z] or {"direction":[x,y,z]} in the
+const char* const INTENSITY_HELP =
+    R"(Reads JSON lines on stdin, each a direction [x,y,z] or {"direction":[x,y,z]} in the
 light's own space (the web's vertical axis is z, vertical angle 0 looks along -z), and writes
 one line per input: the intensity relative to the maximum, a number that reads back to the
 same bits. A bad line gives {"error": "..."} on its line and the run goes on.)";
@@ -102,7 +103,8 @@ int RunPreview(const GlobalOptions& options, const IesOptions& o) {
     if (!ies) return 1;
     std::vector<Float32> pixels(static_cast<size_t>(o.size * o.size));
     GreyImage32 image{o.size, o.size, o.size, pixels.data()};
-    Result<void> r = IesInterface::GeneratePreviewImage(ies.Get(), &image);
+    Result<void> r = IesInterface::GeneratePreviewImageRows(ies.Get(), image.width, image.height,
+                                                            ArraySetLine(&image), nullptr);
     if (r.IsOk()) r = host::WriteImage(o.output, o.size, o.size, 1, pixels.data());
     if (r.IsError()) {
         std::fprintf(stderr, "quorv: %s\n", ErrorToString(r.GetErrorPointer()).c_str());
@@ -118,7 +120,8 @@ void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<in
     auto* cmd = app.add_subcommand("ies", "Read a photometric web (IES LM-63) through the module");
     cmd->require_subcommand(1);
 
-    auto* info = cmd->add_subcommand("info", "Version, tilt, texts, shape, counts, maximum, power, checksum");
+    auto* info = cmd->add_subcommand(
+        "info", "Version, tilt, texts, shape, counts, maximum, power, checksum");
     info->add_option("FILE", io.file, "IES file")->required();
     info->add_flag("--json", io.json, "One JSON line instead of text");
     info->callback([&options, &run] { run = [&options] { return RunInfo(options, io); }; });
@@ -127,14 +130,17 @@ void AddIesCommand(CLI::App& app, const GlobalOptions& options, std::function<in
     text->add_option("FILE", io.file, "IES file")->required();
     text->callback([&options, &run] { run = [&options] { return RunText(options, io); }; });
 
-    auto* intensity = cmd->add_subcommand("intensity", "Relative intensity per direction (JSON lines)");
+    auto* intensity =
+        cmd->add_subcommand("intensity", "Relative intensity per direction (JSON lines)");
     intensity->footer(INTENSITY_HELP);
     intensity->add_option("FILE", io.file, "IES file")->required();
-    intensity->callback([&options, &run] { run = [&options] { return RunIntensity(options, io); }; });
+    intensity->callback(
+        [&options, &run] { run = [&options] { return RunIntensity(options, io); }; });
 
     auto* preview = cmd->add_subcommand("preview", "Render the preview of a room lit by the web");
     preview->add_option("FILE", io.file, "IES file")->required();
-    preview->add_option("-o,--output", io.output, "Picture to write, .png (8 bit) or .exr")->required();
+    preview->add_option("-o,--output", io.output, "Picture to write, .png (8 bit) or .exr")
+        ->required();
     preview->add_option("--size", io.size, "Width and height in pixels (default 512)");
     preview->callback([&options, &run] { run = [&options] { return RunPreview(options, io); }; });
 }
