@@ -387,6 +387,12 @@ Int g_now = 0;
 std::vector<Int> g_series;
 size_t g_read = 0;
 Int SteppingClock() { return g_now += g_step; }
+// Installs the stepping clock, at 0, `step` ns per read.
+void StepClock(Int step) {
+    g_step = step;
+    g_now = 0;
+    host::SetTimerSource(&SteppingClock);
+}
 Int SeriesClock() { return g_read < g_series.size() ? g_series[g_read++] : g_series.back(); }
 
 struct CapturedText {
@@ -405,9 +411,7 @@ const char* const RUN_SUFFIXES[] = {" Legacy SampleF", " Horizona SampleF", " Le
 
 TEST(BSDFTiming, StatisticsOfAFixedStepAndTheHeader) {
     CapturedText text;
-    g_step = 1234567;
-    g_now = 0;
-    host::SetTimerSource(&SteppingClock);
+    StepClock(1234567);
     Collected c;
     ASSERT_TRUE(bsdftest::RunTiming(
                     Settings({{UNITTEST_SETTING_SAMPLE_SIZE, 3}, {UNITTEST_SETTING_ITERATIONS, 2}}),
@@ -481,9 +485,7 @@ TEST(BSDFTiming, DefaultRunSizes) {
     EXPECT_EQ(bsdftest::DefaultRunSizes(false).iterationsPerSample, 50000000);
 
     CapturedText text;
-    g_step = 1000;
-    g_now = 0;
-    host::SetTimerSource(&SteppingClock);
+    StepClock(1000);
     Collected c;
     ASSERT_TRUE(bsdftest::RunTiming(
                     Settings({{UNITTEST_SETTING_ITERATIONS, 1}, {UNITTEST_SETTING_CASE, 0}}),
@@ -501,7 +503,7 @@ TEST(BSDFTiming, DefaultRunSizes) {
     EXPECT_EQ(c.raw[0].iterations, 65536);
     // Statistics off: two clock reads a sample, so one sample reads twice per run.
     c = {};
-    g_now = 0;
+    StepClock(1000);
     ASSERT_TRUE(bsdftest::RunTiming(
                     Settings({{UNITTEST_SETTING_ITERATIONS, 1}, {UNITTEST_SETTING_CASE, 0}}),
                     SinkOf(c), false)
