@@ -170,13 +170,16 @@ Float64 MicrofacetBSDFImpl<D, TRANSMIT>::Evaluate(const Vector64& h, Bool useCac
         const SamplerCache* cache = distribution.cache;
         // The peak of a narrow lobe (c >= 0.999) is always analytic.
         if (!useCache || !cache || c >= 0.999) return AnalyticD(c, pdfH);
+        // The interpolation goes in as a lambda, not as the function itself: given the function,
+        // the lookup holds a pointer and calls through it on every evaluation; a lambda's type
+        // names the call, so it is inlined (same operations, same bits).
         const Float64 d = SamplerCacheLookup(
             *cache, distribution.rowD, c,
             [this](Float64 c0) {
                 Float64 unused;
                 return AnalyticD(c0, unused);
             },
-            SamplerCacheLerp);
+            [](Float32 e0, Float32 e1, Float32 f) { return SamplerCacheLerp(e0, e1, f); });
         pdfH = d;
         return d;
     }

@@ -70,6 +70,8 @@ constexpr Int32 WARD = static_cast<Int32>(K::WARD);
 constexpr Int32 ANISOTROPIC = static_cast<Int32>(K::ANISOTROPIC);
 constexpr COMPAREMODE S = COMPAREMODE::SAMPLE;
 
+// The standard list first, in its fixed order; `number` of a cloth case is the SetupPattern
+// preset, so "preset 1" to "preset 6" are SetupPattern(0) to SetupPattern(5).
 const CaseDefinition CASES[] = {
     {"Lambert BSDF", FAMILY::LAMBERT, 0, false, false, S},
     {"OrenNayar BSDF", FAMILY::ORENNAYAR, 0, false, false, S},
@@ -159,7 +161,11 @@ Result<std::unique_ptr<legacy::BxDF>> MakeRegistered(const char* id, const DataD
     return b;
 }
 
-bool Differs(Float64 a, Float64 b) { return std::fabs(a - b) > COMPARE_TOLERANCE; }
+// A NaN on one side only is a difference: |a - b| is NaN there and would compare as within
+// the tolerance. NaN on both sides is the two readings agreeing on an undefined result.
+bool Differs(Float64 a, Float64 b) {
+    return std::isnan(a) != std::isnan(b) || std::fabs(a - b) > COMPARE_TOLERANCE;
+}
 
 bool Differs(const Color64& a, const Color64& b) {
     return Differs(a.r, b.r) || Differs(a.g, b.g) || Differs(a.b, b.b);
@@ -503,12 +509,17 @@ void TimeRun(B& bsdf, TIMEDOP op, const std::vector<BSDFCachedSample>& table, In
 
 }  // namespace
 
+RunSizes DefaultRunSizes(Bool statistics) {
+    return statistics ? RunSizes{500, 65536} : RunSizes{1, 50000000};
+}
+
 Result<void> RunTiming(const DataDictionary& settings, const UnitTestSink& sink, Bool statistics) {
     try {
-        Int sampleSize = statistics ? 500 : 1;
-        Int iterations = statistics ? 65536 : 50000000;
-        sampleSize = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_SAMPLE_SIZE), sampleSize);
-        iterations = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_ITERATIONS), iterations);
+        const RunSizes defaults = DefaultRunSizes(statistics);
+        const Int sampleSize =
+            settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_SAMPLE_SIZE), defaults.sampleSize);
+        const Int iterations = settings.Get<Int>(DataDictionaryKey(UNITTEST_SETTING_ITERATIONS),
+                                                 defaults.iterationsPerSample);
         if (sampleSize < 1 || iterations < 1) {
             return MakeError(
                 ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,

@@ -28,14 +28,14 @@ namespace bsdftest {
 constexpr Int SAMPLE_TABLE_SIZE = 65536;
 /// Passes of the comparison loop per case.
 constexpr Int COMPARE_LOOPS = 1000;
-/// Largest difference the comparison accepts.
+/// Largest difference the comparison accepts; a NaN on one side only is always a difference.
 constexpr Float64 COMPARE_TOLERANCE = 1e-10;
 
 /// The number of cases of the standard list (the labels the comparison is known by), which the
 /// timing class runs too.
 constexpr Int STANDARD_CASE_COUNT = 18;
 
-/// The labels of all cases in run order: the standard 20, then those that `--all` adds.
+/// The labels of all cases in run order: the standard 18, then those that `--all` adds.
 const std::vector<std::string>& CaseLabels();
 
 /// The records of the table: the generator seeded with 100, three steps a record, in order.
@@ -117,8 +117,17 @@ Statistics ComputeStatistics(const Float64* samples, Int count);
 /// The three numbers as printed: "mean, variance, stddev", digits that read back.
 std::string FormatStatistics(const Statistics& s);
 
-/// The timing run: the 20 cases in order, four timed runs each, a report per run; with
-/// `statistics` the header and a line per run go through the framework's text output.
+/// The timing class's own run size; the runner may override either number alone.
+struct RunSizes {
+    Int sampleSize = 0;           ///< timed samples per run
+    Int iterationsPerSample = 0;  ///< calls per timed sample
+};
+/// With statistics: 500 samples of 65,536 calls (one pass over the sample table each), so the
+/// spread means something; without: one sample of 50,000,000 calls, a single long figure.
+RunSizes DefaultRunSizes(Bool statistics);
+
+/// The timing run: the 18 standard cases in order, four timed runs each, a report per run;
+/// with `statistics` the header and a line per run go through the framework's text output.
 Result<void> RunTiming(const DataDictionary& settings, const UnitTestSink& sink, Bool statistics);
 
 }  // namespace bsdftest

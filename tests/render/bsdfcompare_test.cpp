@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -99,7 +100,7 @@ Vector64 ExpectedWo(Int loop) {
 }
 
 // A registered class with one output moved at one pass of the loop.
-enum class MOVE { VALUE, DIRECTION, PDF, EVALUATED_VALUE };
+enum class MOVE { VALUE, DIRECTION, PDF, EVALUATED_VALUE, EVALUATED_PDF };
 
 class MovedBxDF final : public legacy::BxDF {
 public:
@@ -118,7 +119,10 @@ public:
     Color64 ComputeBSDF(const Vector64& wo, const Vector64& wiSide, const Vector64& wi,
                         Float64& pdf) override {
         Color64 c = _inner->ComputeBSDF(wo, wiSide, wi, pdf);
-        if (_evaluations++ == _loop && _what == MOVE::EVALUATED_VALUE) c.b += _amount;
+        if (_evaluations++ == _loop) {
+            if (_what == MOVE::EVALUATED_VALUE) c.b += _amount;
+            if (_what == MOVE::EVALUATED_PDF) pdf += _amount;
+        }
         return c;
     }
 
@@ -170,14 +174,17 @@ struct ToothCase {
     const char* text;
 };
 
+void PrintTo(const ToothCase& t, std::ostream* os) { *os << '"' << t.text << '"'; }
+
 class BSDFComparisonTeeth : public ::testing::TestWithParam<ToothCase> {};
 
 // A class moved by 1e-9 at one pass fails at exactly that case and pass, with the text, wo's
-// string form and the pass; later cases do not run. 1e-11 is inside the tolerance.
+// string form and the pass; later cases do not run. So does a NaN in the class's output, which
+// |a - b| > tolerance alone would let through. 1e-11 is inside the tolerance.
 TEST_P(BSDFComparisonTeeth, FailsAtTheMovedCaseWithItsMessage) {
     const Int caseIndex = 12;  // GGX without cache: every output non-trivial
     const Int loop = 377;
-    for (Float64 amount : {1e-9, 1e-11}) {
+    for (Float64 amount : {1e-9, std::numeric_limits<Float64>::quiet_NaN(), 1e-11}) {
         Collected c;
         Result<void> r = bsdftest::RunComparison(
             Settings({}), SinkOf(c), [&](Int index, std::unique_ptr<legacy::BxDF> current) {
@@ -218,7 +225,26 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ToothCase{MOVE::VALUE, "Sampled BSDF's don't match "},
                       ToothCase{MOVE::DIRECTION, "Sample incident angles don't match "},
                       ToothCase{MOVE::PDF, "Sample PDF's don't match "},
-                      ToothCase{MOVE::EVALUATED_VALUE, "Sampled BSDF's don't match "}));
+                      ToothCase{MOVE::EVALUATED_VALUE, "Sampled BSDF's don't match "},
+                      ToothCase{MOVE::EVALUATED_PDF, "Sample PDF's don't match "}));
+
+// The same NaN on both sides is the two readings agreeing: the case passes.
+TEST(BSDFComparison, ANaNOnBothSidesIsAgreement) {
+    const Result<std::vector<BSDFCachedSample>> table = bsdftest::MakeSampleTable();
+    ASSERT_TRUE(table.IsOk());
+    Result<bsdftest::RunCaches> caches = bsdftest::RunCaches::Create();
+    ASSERT_TRUE(caches.IsOk());
+    const Float64 nan = std::numeric_limits<Float64>::quiet_NaN();
+    for (MOVE what : {MOVE::VALUE, MOVE::PDF, MOVE::EVALUATED_PDF}) {
+        Result<bsdftest::CaseObjects> o = bsdftest::BuildCase(12, caches.GetValue());
+        ASSERT_TRUE(o.IsOk());
+        MovedBxDF older(std::move(o.GetValue().older), what, 377, nan);
+        MovedBxDF current(std::move(o.GetValue().current), what, 377, nan);
+        EXPECT_EQ(
+            bsdftest::CompareCase(bsdftest::COMPAREMODE::SAMPLE, older, current, table.GetValue()),
+            "");
+    }
+}
 
 DataDictionary RoughnessWithCache(SamplerCache* cache) {
     DataDictionary d = DataDictionary::Create().GetValue();
@@ -266,6 +292,29 @@ TEST(BSDFComparison, ModesDoNotPassForOneAnother) {
                     EXPECT_EQ(m.rfind("Sampled BSDF's don't match (", 0), 0u)
                         << k.id << " cached " << currentCached << ": " << m;
                 }
+            }
+        }
+    }
+    // The simple blurry lobe: its table of drawn cosines against pow(1 - u1, r^3), compared
+    // where its values are not zero (a cosine-drawn wi and the lobe angle).
+    for (bool currentCached : {false, true}) {
+        for (bool olderCached : {false, true}) {
+            auto currentCache = std::make_unique<SamplerCache>();
+            auto olderCache = std::make_unique<SamplerCache>();
+            BSDFLegacyRef b = test::MakeInstance<BSDFLegacyInterface>(BSDF_LEGACY_CLASS_REGISTRY_ID,
+                                                                      BLURRYSIMPLE_BRDF_CLASS_ID);
+            ASSERT_TRUE(
+                b.Init(RoughnessWithCache(currentCached ? currentCache.get() : nullptr), nullptr)
+                    .IsOk());
+            bsdftest::RegisteredBxDF current(b);
+            legacy::BlurrySimpleBxDF older(0.7, olderCached ? olderCache.get() : nullptr);
+            const std::string m = bsdftest::CompareCase(bsdftest::COMPAREMODE::COSINE_AND_ANGLE,
+                                                        older, current, table.GetValue());
+            if (currentCached == olderCached) {
+                EXPECT_EQ(m, "") << "blurrysimple cached " << currentCached;
+            } else {
+                EXPECT_EQ(m.rfind("Sample incident angles don't match (", 0), 0u)
+                    << "blurrysimple cached " << currentCached << ": " << m;
             }
         }
     }
@@ -338,6 +387,12 @@ Int g_now = 0;
 std::vector<Int> g_series;
 size_t g_read = 0;
 Int SteppingClock() { return g_now += g_step; }
+// Installs the stepping clock, at 0, `step` ns per read.
+void StepClock(Int step) {
+    g_step = step;
+    g_now = 0;
+    host::SetTimerSource(&SteppingClock);
+}
 Int SeriesClock() { return g_read < g_series.size() ? g_series[g_read++] : g_series.back(); }
 
 struct CapturedText {
@@ -356,9 +411,7 @@ const char* const RUN_SUFFIXES[] = {" Legacy SampleF", " Horizona SampleF", " Le
 
 TEST(BSDFTiming, StatisticsOfAFixedStepAndTheHeader) {
     CapturedText text;
-    g_step = 1234567;
-    g_now = 0;
-    host::SetTimerSource(&SteppingClock);
+    StepClock(1234567);
     Collected c;
     ASSERT_TRUE(bsdftest::RunTiming(
                     Settings({{UNITTEST_SETTING_SAMPLE_SIZE, 3}, {UNITTEST_SETTING_ITERATIONS, 2}}),
@@ -421,6 +474,44 @@ TEST(BSDFTiming, AKnownSeriesGivesTheSampleVariance) {
         bsdftest::ComputeStatistics(std::vector<Float64>{5.0}.data(), 1);
     EXPECT_EQ(one.mean, 5.0);
     EXPECT_EQ(one.variance, 0.0);
+}
+
+// The class's own run sizes: with statistics 500 samples of 65,536 calls, without one sample of
+// 50,000,000; and a run that overrides only one number takes the other from them.
+TEST(BSDFTiming, DefaultRunSizes) {
+    EXPECT_EQ(bsdftest::DefaultRunSizes(true).sampleSize, 500);
+    EXPECT_EQ(bsdftest::DefaultRunSizes(true).iterationsPerSample, 65536);
+    EXPECT_EQ(bsdftest::DefaultRunSizes(false).sampleSize, 1);
+    EXPECT_EQ(bsdftest::DefaultRunSizes(false).iterationsPerSample, 50000000);
+
+    CapturedText text;
+    StepClock(1000);
+    Collected c;
+    ASSERT_TRUE(bsdftest::RunTiming(
+                    Settings({{UNITTEST_SETTING_ITERATIONS, 1}, {UNITTEST_SETTING_CASE, 0}}),
+                    SinkOf(c), true)
+                    .IsOk());
+    ASSERT_EQ(c.raw.size(), 4u);
+    EXPECT_EQ(c.samples[0].size(), 500u);
+    EXPECT_EQ(text.lines.at(1), "| Sample size: 500");
+    c = {};
+    ASSERT_TRUE(bsdftest::RunTiming(
+                    Settings({{UNITTEST_SETTING_SAMPLE_SIZE, 1}, {UNITTEST_SETTING_CASE, 0}}),
+                    SinkOf(c), true)
+                    .IsOk());
+    ASSERT_EQ(c.raw.size(), 4u);
+    EXPECT_EQ(c.raw[0].iterations, 65536);
+    // Statistics off: two clock reads a sample, so one sample reads twice per run.
+    c = {};
+    StepClock(1000);
+    ASSERT_TRUE(bsdftest::RunTiming(
+                    Settings({{UNITTEST_SETTING_ITERATIONS, 1}, {UNITTEST_SETTING_CASE, 0}}),
+                    SinkOf(c), false)
+                    .IsOk());
+    ASSERT_EQ(c.raw.size(), 4u);
+    EXPECT_EQ(g_now, 4 * 2 * g_step);
+    EXPECT_TRUE(c.samples[0].empty());
+    // (The 50,000,000 calls of a run without statistics are not run here: a second or more.)
 }
 
 TEST(BSDFTiming, StatisticsOffStoresNoSamplesAndPrintsNothing) {

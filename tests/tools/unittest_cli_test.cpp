@@ -55,6 +55,34 @@ TEST(UnitTestCommand, ListsRunsAndAnswersInJson) {
     EXPECT_NE(help.find("speedtest"), std::string::npos);
 }
 
+// The module's comparison class passes on every input the command can give it, so the failure
+// lines come from the fixture module's classes, whose outcome is fixed.
+TEST(UnitTestCommand, AFailedCasePrintsItsMessageAndExitsOne) {
+    const std::string fixture = std::string(QUORV_CLI_PATH) + " --module " +
+                                QUORV_UNITTEST_FIXTURE_PATH + " unittest run net.quorv.unittest.";
+    int status = -1;
+    EXPECT_EQ(test::RunCommand(fixture + "fixture.failing 2>/dev/null", &status),
+              "Fixture case 1  passed\nFixture case 2  FAILED: expected 1, got 2\n");
+    EXPECT_EQ(status, 1);
+
+    const std::vector<std::string> lines =
+        Lines(test::RunCommand(fixture + "fixture.failing --json 2>/dev/null", &status));
+    EXPECT_EQ(status, 1);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(nlohmann::json::parse(lines[1]), (nlohmann::json{{"label", "Fixture case 2"},
+                                                               {"passed", false},
+                                                               {"message", "expected 1, got 2"}}));
+    // The failed case's line says it all: nothing more on stderr.
+    EXPECT_EQ(test::RunCommand(fixture + "fixture.failing 2>&1 >/dev/null", &status), "");
+
+    // An error before any case is judged has no case line: it goes to stderr.
+    EXPECT_EQ(test::RunCommand(fixture + "fixture.broken 2>/dev/null", &status), "");
+    EXPECT_EQ(status, 1);
+    const std::string error = test::RunCommand(fixture + "fixture.broken 2>&1", &status);
+    EXPECT_EQ(error.rfind("quorv: ", 0), 0u) << error;
+    EXPECT_NE(error.find("Fixture could not start its cases"), std::string::npos) << error;
+}
+
 TEST(SpeedTestCommand, JsonWithAndWithoutStatistics) {
     int status = -1;
     // Statistics off: one time per run; nothing else on stdout.

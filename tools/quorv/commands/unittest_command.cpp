@@ -208,7 +208,7 @@ void AddSpeedTestCommand(CLI::App& app, const GlobalOptions& options, std::funct
         "run",
         "Run a timing class and print ns per call, Legacy against Horizona, per case.\n"
         "Without --config g_runUnitTestRenderStatistics=true a run is 50,000,000 calls (minutes\n"
-        "per case); with it, 500 samples of 65,536 calls and the statistics lines");
+        "per cloth case); with it, 500 samples of 65,536 calls and the statistics lines");
     r->add_option("ID", o->id, "Class id, e.g. net.quorv.speedtestclass.speedtestbsdftest")
         ->required();
     r->add_option("--sample-size", o->sampleSize, "Timed samples per run")
