@@ -312,8 +312,7 @@ struct EmbreeIntersectorImpl {
     }
 
     void MakeResult(unsigned instID, unsigned geomID, unsigned primID, Float32 t, Float32 u,
-                    Float32 v, Float32 nx, Float32 ny, Float32 nz,
-                    IntersectionResult64& result) const {
+                    Float32 v, IntersectionResult64& result) const {
         if (instID == RTC_INVALID_GEOMETRY_ID) instID = 0;  // traced without the instance level
         const EmbreeObject& o = *objects[instID];
         result = {};
@@ -321,8 +320,13 @@ struct EmbreeIntersectorImpl {
         result.headFlag = IntersectionHit::HIT;
         result.hitVectorA.x = t;
         DecodeHit(o, geomID, primID, u, v, result);
-        // Embree's geometric normal is cross(p1 - p0, p2 - p0) in object space, as ours.
-        result.hitVectorB = o.placement.NormalToWorld({nx, ny, nz});
+        // The normal from the Float64 points of the triangle hit, not Embree's Float32 one: both
+        // classes then give the same normal for the same triangle, to the last bit.
+        const IntersectionPolygon& p = o.polygons[result.headWordB];
+        const Vector64& p0 = o.points[p.a];
+        const Vector64& p1 = o.points[result.hitValue == 0 ? p.b : p.c];
+        const Vector64& p2 = o.points[result.hitValue == 0 ? p.c : p.d];
+        result.hitVectorB = o.placement.NormalToWorld(Cross(Sub(p1, p0), Sub(p2, p0)));
     }
 
     Bool CalculateIntersection(const Ray& ray, IntersectionResult64& result) const {
@@ -341,7 +345,7 @@ struct EmbreeIntersectorImpl {
             return false;
         }
         MakeResult(rh.hit.instID[0], rh.hit.geomID, rh.hit.primID, rh.ray.tfar, rh.hit.u, rh.hit.v,
-                   rh.hit.Ng_x, rh.hit.Ng_y, rh.hit.Ng_z, result);
+                   result);
         return true;
     }
 
@@ -401,8 +405,7 @@ struct EmbreeIntersectorImpl {
                 continue;
             }
             MakeResult(rh.hit.instID[0][i], rh.hit.geomID[i], rh.hit.primID[i], rh.ray.tfar[i],
-                       rh.hit.u[i], rh.hit.v[i], rh.hit.Ng_x[i], rh.hit.Ng_y[i], rh.hit.Ng_z[i],
-                       results[i]);
+                       rh.hit.u[i], rh.hit.v[i], results[i]);
             mask |= 1 << i;
         }
         return mask;
