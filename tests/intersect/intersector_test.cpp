@@ -19,12 +19,26 @@ struct ClassCase {
     const char* id;
     Float64 tTolerance;  ///< relative
     Float64 ambiguity;   ///< rays closer than this (barycentric) to an edge are not compared
+    Int buildQuality;    ///< embree: 0 low, 1 medium, 2 high; -1 the class's default
+    const char* name;
 };
 
+// Embree at its default and at the cheapest build: the faster build must trace the same.
 const ClassCase CLASSES[] = {
-    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 1e-4},
-    {YMB_INTERSECTION_CLASS_ID, 1e-12, 1e-9},
+    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 1e-4, -1, "embree"},
+    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 1e-4, 0, "embree_lowquality"},
+    {YMB_INTERSECTION_CLASS_ID, 1e-12, 1e-9, -1, "ymb"},
 };
+
+BatchedIntersectionRef Make(const ClassCase& c) {
+    DataDictionary parameters = DataDictionary::Create().GetValue();
+    if (c.buildQuality >= 0) {
+        const Result<void> set = parameters.SetData(
+            LiteralId("net.quorv.render.intersection.buildquality"), Data::Of(c.buildQuality));
+        EXPECT_TRUE(set.IsOk());
+    }
+    return MakeIntersector(c.id, parameters);
+}
 
 // Both classes compute the normal in Float64 from the points of the triangle hit: it differs
 // from the reference's (made from points placed first) only by rounding, whatever precision
@@ -135,7 +149,7 @@ TEST(Meshes, AuthoredObjReadsQuadsFansAndRelativeIndices) {
 
 TEST_P(Intersectors, AuthoredObjMatchesBruteForce) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     ASSERT_TRUE(isect);
     const mesh::Mesh m = ReadAuthored();
     Matrix64 shifted;
@@ -167,7 +181,7 @@ TEST_P(Intersectors, AuthoredObjMatchesBruteForce) {
 
 TEST_P(Intersectors, DegenerateFacesAreNeverHit) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{0, 0, 0}, {1, 1, 0}, {2, 2, 0}, {0, 1, 0}};
     const std::vector<IntersectionPolygon> polys = {{0, 1, 2, 2}, {0, 0, 3, 3}, {1, 1, 1, 1}};
     ASSERT_TRUE(isect.AddScene(pts.data(), 4, polys.data(), 3, Matrix64{}).IsOk());
@@ -182,7 +196,7 @@ TEST_P(Intersectors, DegenerateFacesAreNeverHit) {
 TEST_P(Intersectors, SpheresOfTrianglesAndQuadsMatchBruteForce) {
     const ClassCase c = GetParam();
     for (bool quads : {false, true}) {
-        BatchedIntersectionRef isect = MakeIntersector(c.id);
+        BatchedIntersectionRef isect = Make(c);
         const mesh::Mesh m = mesh::MakeSphere(12, quads);
         ASSERT_TRUE(isect
                         .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -202,7 +216,7 @@ TEST_P(Intersectors, SpheresOfTrianglesAndQuadsMatchBruteForce) {
 TEST_P(Intersectors, NoRayEscapesAClosedMesh) {
     const ClassCase c = GetParam();
     const mesh::Mesh m = mesh::MakeSphere(24, false);
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
                               Int(m.polygons.size()), Matrix64{})
@@ -233,7 +247,7 @@ TEST_P(Intersectors, NoRayEscapesAClosedMesh) {
 // count, a value one step inside them does not.
 TEST_P(Intersectors, RangeEndsAreClosed) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
     const IntersectionPolygon quad{0, 1, 2, 3};
     ASSERT_TRUE(isect.AddScene(pts.data(), 4, &quad, 1, Matrix64{}).IsOk());
@@ -271,7 +285,7 @@ Bool RejectOne(void* user, const IntersectionResult64& candidate) {
 // Two parallel quads; the filter turns the nearer one away, so rays go on to the farther.
 TEST_P(Intersectors, FiltersRejectCandidates) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     FilterLog log;
     ASSERT_TRUE(isect.RegisterFilter(&RejectOne, &log).IsOk());
     const std::vector<Vector64> pts = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0},
@@ -296,7 +310,7 @@ TEST_P(Intersectors, FiltersRejectCandidates) {
 
 TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh box = mesh::MakeBox();
     for (int i = 0; i < 2; ++i) {
         Matrix64 m;
@@ -333,7 +347,7 @@ TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
 
 TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh m = mesh::MakeSphere(16, true);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -376,7 +390,7 @@ TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
 
 TEST_P(Intersectors, BadObjectsAreRefusedWithTheirReason) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     const IntersectionPolygon outside{0, 1, 3, 3};
     Result<Int> r = isect.AddScene(pts.data(), 3, &outside, 1, Matrix64{});
@@ -400,7 +414,7 @@ TEST_P(Intersectors, BadObjectsAreRefusedWithTheirReason) {
 // Many threads trace one finalized scene at once (run under tsan too).
 TEST_P(Intersectors, RaysFromManyThreadsAgree) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh m = mesh::MakeSphere(20, false);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -445,10 +459,8 @@ TEST(Intersectors, InitRefusesParametersOutsideTheirRange) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES), [](const auto& info) {
-    return std::string(info.param.id)
-        .substr(std::string("net.quorv.render.intersectionclass.").size());
-});
+INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace quorv
