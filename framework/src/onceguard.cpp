@@ -8,6 +8,10 @@ JobObject* JobOf(UInt word) {
     return reinterpret_cast<JobObject*>(word & ~UInt(OnceGuard::STATE_MASK));
 }
 
+bool IsCancelledResult(const Result<void>& r) {
+    return r.IsError() && IsOperationCancelled(r.GetErrorPointer());
+}
+
 }  // namespace
 
 Result<void> OnceGuard::Run(JobFunction build, void* user, FAILURE failure) {
@@ -23,43 +27,35 @@ Result<void> OnceGuard::Run(JobFunction build, void* user, FAILURE failure) {
         if (state == FREE) {
             if (!_word.compare_exchange_weak(w, CLAIMED, std::memory_order_acq_rel)) continue;
             SpinWaitEnd(record);
-            return RunAsOwner(build, user, failure, record);
+            return RunAsOwner(build, user, failure);
         }
-        if ((w & READER) != 0 || state == CLAIMED) {
+        if ((w & READER) != 0 || (state != RUNNING && state != FAILED)) {
             SpinWaitStep(record);
             continue;
         }
-        if (state != RUNNING && state != FAILED) {
-            SpinWaitStep(record);
-            continue;
-        }
-        // Announce the reader so that the owner keeps the job attached while we take our
-        // reference to it.
+        // Announce the reader so that the job stays attached while we take our reference.
         if (!_word.compare_exchange_weak(w, w | READER, std::memory_order_acq_rel)) continue;
         JobRef job = JobRef::Share(JobOf(w));
         _word.fetch_and(~UInt(READER), std::memory_order_release);
-        if (state == FAILED) {
-            SpinWaitEnd(record);
-            return job.GetResult();
-        }
+        SpinWaitEnd(record);
         {
+            // A failed job has ended already: the wait only hands its error on.
             ScopedExclusiveResourceWait bracket;
             job.Wait(JOB_WAIT_INFINITE);
         }
-        Result<void> r = job.GetResult();
-        if (r.IsError() && IsOperationCancelled(r.GetErrorPointer()) &&
-            ThreadServicesInterface::IsCurrentJobCancelled()) {
-            // A cancelled waiter does not start the build again for itself.
-            SpinWaitEnd(record);
-            return r;
-        }
-        // The owner detaches the job right after the wait; look again.
-        SpinWaitStep(record);
+        const Result<void> r = job.GetResult();
+        if (state == FAILED) return r;
+        // This waiter may be the first to see the end: the owner may wait further down this
+        // very thread, running other jobs of the queue meanwhile, one of which is this call.
+        // So it settles the word itself instead of waiting for the owner to.
+        Settle(w, r, failure);
+        if (!IsCancelledResult(r)) return failure == FAILURE::MARK_DONE ? Result<void>(OK) : r;
+        // A cancelled build leaves the guard free; a waiter that isn't cancelled builds.
+        if (ThreadServicesInterface::IsCurrentJobCancelled()) return r;
     }
 }
 
-Result<void> OnceGuard::RunAsOwner(JobFunction build, void* user, FAILURE failure,
-                                   SpinWaitRecord& record) {
+Result<void> OnceGuard::RunAsOwner(JobFunction build, void* user, FAILURE failure) {
     JobObject* raw = ThreadServicesInterface::AllocJob(
         build, user, nullptr, ThreadServicesInterface::GetCurrentJob(), QUORV_SOURCE_LOCATION);
     if (!raw) {
@@ -71,27 +67,64 @@ Result<void> OnceGuard::RunAsOwner(JobFunction build, void* user, FAILURE failur
     ThreadServicesInterface::AddJobReference(raw);
     const UInt running = reinterpret_cast<UInt>(raw) | RUNNING;
     _word.store(running, std::memory_order_release);
-    // A job that could not be queued runs inline in the wait below.
+    // The host names no queue of the calling job, so the build goes to the default queue. A
+    // job that could not be queued runs inline in the wait below.
     Result<void> queued = job.Enqueue(nullptr);
     (void)queued;
     job.Wait(JOB_WAIT_INFINITE);
-    Result<void> r = job.GetResult();
-    const bool cancelled = r.IsError() && IsOperationCancelled(r.GetErrorPointer());
+    const Result<void> r = job.GetResult();
+    Settle(running, r, failure);
+    return r;
+}
+
+void OnceGuard::Settle(UInt running, const Result<void>& r, FAILURE failure) {
+    const bool cancelled = IsCancelledResult(r);
     UInt next;
     if (r.IsOk() || (failure == FAILURE::MARK_DONE && !cancelled))
         next = DONE;
     else if (cancelled)
         next = FREE;
     else
-        next = reinterpret_cast<UInt>(raw) | FAILED;
-    UInt expected = running;
-    while (!_word.compare_exchange_weak(expected, next, std::memory_order_acq_rel)) {
-        expected = running;
-        SpinWaitStep(record);
+        next = (running & ~UInt(STATE_MASK)) | FAILED;
+    SpinWaitRecord record;
+    record.waitAddress = &_word;
+    for (;;) {
+        UInt w = _word.load(std::memory_order_acquire);
+        if (w == (running | READER)) {
+            SpinWaitStep(record);
+            continue;
+        }
+        // Moved on already, by the owner or another waiter. The caller holds a reference to
+        // the job, so no later build can have the same word.
+        if (w != running) break;
+        if (_word.compare_exchange_weak(w, next, std::memory_order_acq_rel)) {
+            if ((next & STATE_MASK) != FAILED)
+                ThreadServicesInterface::RemoveJobReference(JobOf(w));
+            break;
+        }
     }
     SpinWaitEnd(record);
-    if ((next & STATE_MASK) != FAILED) ThreadServicesInterface::RemoveJobReference(raw);
-    return r;
+}
+
+void OnceGuard::WaitForBuild(FAILURE failure, bool cancel) {
+    SpinWaitRecord record;
+    record.waitAddress = &_word;
+    for (;;) {
+        UInt w = _word.load(std::memory_order_acquire);
+        const UInt state = w & STATE_MASK;
+        if ((w & READER) != 0 || state == CLAIMED) {
+            SpinWaitStep(record);
+            continue;
+        }
+        if (state != RUNNING) break;
+        if (!_word.compare_exchange_weak(w, w | READER, std::memory_order_acq_rel)) continue;
+        JobRef job = JobRef::Share(JobOf(w));
+        _word.fetch_and(~UInt(READER), std::memory_order_release);
+        if (cancel) job.Cancel();
+        job.Wait(JOB_WAIT_INFINITE);
+        Settle(w, job.GetResult(), failure);
+    }
+    SpinWaitEnd(record);
 }
 
 bool OnceGuard::ResetFailed() {

@@ -77,6 +77,13 @@ std::vector<RegistryListing> ListRegistryEntries();
 void RegisterHostClasses();
 /// Registers the host's data description object class (after `RegisterHostClasses`).
 void RegisterDataDescriptionObjectClass();
+/// Records the dictionary keys a bound binary declares (its `idList`) with their value types.
+void AddDeclaredKeys(const QuorvModuleInfo& info);
+/// Forgets the keys of a binary that is being unloaded.
+void RemoveDeclaredKeys(const QuorvModuleInfo& info);
+/// OK when `key` is not declared or a binary declared it with `type`; else an illegal-argument
+/// error naming the key and both types.
+Result<void> CheckDeclaredKeyType(const DataDictionaryKey& key, const DataType* type);
 /// A registered class by id, searched in all registries; null when none.
 ClassObject* FindRegisteredClass(const LiteralId& id);
 std::vector<std::pair<std::string, std::string>> ListDatabases();

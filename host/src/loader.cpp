@@ -56,7 +56,8 @@ void Initializer(EntityBase* record, UInt, const LiteralId* id, ErrorObject** er
             auto* d = static_cast<DeclarationRecord*>(record);
             if (!d->value) d->value = FindRegisteredClass(LiteralId(name.c_str()));
             if (!d->value) {
-                d->value = const_cast<DataType*>(DataTypeLibInterface::GetRuntimeDataType(name.c_str()));
+                d->value =
+                    const_cast<DataType*>(DataTypeLibInterface::GetRuntimeDataType(name.c_str()));
             }
             resolved = d->value != nullptr;
             break;
@@ -148,6 +149,7 @@ void Host::BindModule(LoadedModule& module, const std::vector<std::string>& with
         });
     });
     ApplyPendingConfiguration(*_state, module);
+    AddDeclaredKeys(info);
     if (module.handle) RebindStubs(module);
 }
 
@@ -165,7 +167,8 @@ void Host::RebindStubs(const LoadedModule& supplier) {
                 const char* name = nv.methodNames;
                 for (Int i = 0; i < nv.count; ++i) {
                     if (nv.slots[i] == nv.stubFiller(&nv, i)) {
-                        if (void* f = FindServiceFunction(*_state, nv.id.View(), name)) nv.slots[i] = f;
+                        if (void* f = FindServiceFunction(*_state, nv.id.View(), name))
+                            nv.slots[i] = f;
                     }
                     name += std::strlen(name) + 1;
                 }
@@ -187,7 +190,8 @@ Result<void> Host::RunDefinitions(LoadedModule& module) {
                 CreateRegistry(r.id);
                 r.flags |= F::INITIALIZED;
             } else if (r.GetType() == T::DATATYPE) {
-                Result<const DataType*> t = DefineDataTypeFromRecord(static_cast<DataTypeRecord&>(r));
+                Result<const DataType*> t =
+                    DefineDataTypeFromRecord(static_cast<DataTypeRecord&>(r));
                 if (t.IsError()) {
                     r.flags |= F::INITIALIZATION_FAILED;
                     failure = t.GetError();
@@ -239,24 +243,25 @@ Result<LoadedModule*> Host::LoadModule(const std::string& path,
     auto* delegate = static_cast<CpuYieldDelegate*>(dlsym(handle, "g_CpuYieldDelegate"));
     if (!info || !delegate) {
         dlclose(handle);
-        return MakeErrorWithId("net.quorv.error.io", QUORV_SOURCE_LOCATION,
-                               FormatMessage("@ is not a module: no g_quorv or g_CpuYieldDelegate",
-                                             {path}));
+        return MakeErrorWithId(
+            "net.quorv.error.io", QUORV_SOURCE_LOCATION,
+            FormatMessage("@ is not a module: no g_quorv or g_CpuYieldDelegate", {path}));
     }
     for (const auto& loaded : _modules) {
         if (loaded->info == info) {
             dlclose(handle);  // drops the count the second dlopen added
-            return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                             FormatMessage("Module @ is already loaded as @",
-                                           {path, loaded->path.empty() ? "the host" : loaded->path}));
+            return MakeError(
+                ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                FormatMessage("Module @ is already loaded as @",
+                              {path, loaded->path.empty() ? "the host" : loaded->path}));
         }
     }
     if (info->version0 != QUORV_VERSION_0 || info->version1 != QUORV_VERSION_1) {
         dlclose(handle);
-        return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Module @ has version words @ and @",
-                                       {path, std::to_string(info->version0),
-                                        std::to_string(info->version1)}));
+        return MakeError(
+            ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+            FormatMessage("Module @ has version words @ and @",
+                          {path, std::to_string(info->version0), std::to_string(info->version1)}));
     }
     auto module = std::make_unique<LoadedModule>();
     module->path = path;
@@ -293,6 +298,7 @@ void Host::UnloadModule(LoadedModule* module) {
         }
     }
     module->definitionsRun.clear();
+    RemoveDeclaredKeys(*module->info);
     ForEachUnit(*module->info, [&](TranslationUnitRecord& unit) {
         ForEachRecord(unit, [&](EntityBase& r) {
             if (r.GetType() == EntityBase::TYPE::DATATYPE) {

@@ -1,21 +1,9 @@
 // AssetManagementImpl: relative asset urls resolved against an ordered list of search paths.
-#include <new>
-#include <vector>
+#include "render/frame/asset_impl.h"
 
-#include "render/frame/asset.h"
+#include <new>
 
 namespace quorv {
-
-struct SearchPathEntry {
-    Url url;
-    Int32 assetType = 0;
-    Bool flag = false;  // kept for callers; the search doesn't read it
-};
-
-struct AssetManagementImpl {
-    Url baseUrl;
-    std::vector<SearchPathEntry> searchPaths;  // insertion order is search order
-};
 
 namespace {
 

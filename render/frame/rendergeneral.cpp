@@ -20,7 +20,10 @@ const bool g_configured =
                               CONFIGTYPE::STRING, ""),
      true);
 
-// The class under `id`, or null when the registry has nothing of the class type there.
+// The class under `id`, or null when the registry has nothing of the class type there. An
+// entry is taken only when it is of the class data type itself: the host's data types define
+// no conversion into it, so no other type is convertible, and an entry of another type counts
+// as not found (for an explicit choice, the error that names it).
 Result<ClassObject*> FindClass(const LiteralId& id) {
     Data value;
     if (!RegistryInterface::FindEntryValue(LiteralId(INTERSECTION_CLASS_REGISTRY_ID), id, &value))

@@ -167,6 +167,9 @@ struct IesImportImpl {
                               progress, data->progressIndex};
             PreviewSetLine setLine;
             setLine.user = &target;
+            // A line of another pixel format than the stream's ends Execute, not only that
+            // line: the rows stop at the first error of a delegate and Execute returns it, with
+            // the stream unfinished. A picture with a missing line is no picture.
             setLine.call = [](void* user, Int row, const Float32* values, Int count,
                               const PixelFormatObject* format) -> Result<void> {
                 auto* t = static_cast<LineTarget*>(user);

@@ -7,9 +7,10 @@
 ///
 /// `GetImage(placeholder)`: a new reference to the slot's picture (the caller drops it with
 /// `ImageTextureInterface::Free`), or null for an unknown or empty id and for a picture that
-/// could not be loaded. A failed load is remembered: the file isn't
-/// tried again while the module lives. Thread safety: any thread; callers of one slot queue up on
-/// its lock during the first load, slots don't block one another.
+/// could not be loaded. A failed load is remembered: the file isn't tried again while the module
+/// lives. Thread safety: any thread; callers of one slot wait for its one load job during the
+/// first load (no lock is held meanwhile, so a waiting job thread may run further callers),
+/// slots don't block one another.
 
 #include "quorv/image.h"
 
@@ -17,7 +18,8 @@ namespace quorv {
 
 namespace previewimageplaceholder {
 constexpr const char* NOSPACE = "net.quorv.nodes.previewimageplaceholder.nospace";
-constexpr const char* NOMATERIALENDNODE = "net.quorv.nodes.previewimageplaceholder.nomaterialendnode";
+constexpr const char* NOMATERIALENDNODE =
+    "net.quorv.nodes.previewimageplaceholder.nomaterialendnode";
 constexpr const char* ERROR = "net.quorv.nodes.previewimageplaceholder.error";
 /// The file under the host's resource folder.
 constexpr const char* FILE = "modules/browser/icons/wrong.tif";

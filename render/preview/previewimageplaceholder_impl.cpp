@@ -13,6 +13,9 @@ namespace quorv {
 
 namespace {
 
+// `image` is the loaded picture itself, the host's ImageTexture (the object GetImage hands
+// out), not a copy of its first image. `lock` guards `image` and `url` for the moment they are
+// read or written; the load and the wait for it happen outside it, serialised by `lazy`.
 struct PlaceholderSlot {
     Ref<ImageTextureObject> image;
     LazyInitThreaded lazy;
@@ -38,10 +41,11 @@ Result<void> StartSlots() {
         if (dir.IsError()) return dir.GetError();
         Url url = Url::Adopt(dir.GetValue());
         QUORV_RETURN_IF_ERROR(url.Append(previewimageplaceholder::FILE));
-        slot.lock.Lock();
+        // The lazy state first and apart: a reset waits for a load in flight, and a load takes
+        // the slot's lock to read the url.
         slot.lazy.Reset();
+        ScopedSpinLock lock(slot.lock);
         slot.url = url;
-        slot.lock.Unlock();
     }
     return OK;
 }
@@ -50,10 +54,9 @@ Result<void> StartSlots() {
 void FreeSlots() {
     for (PlaceholderSlot& slot : Slots()) {
         slot.lazy.CancelAndReset();
-        slot.lock.Lock();
+        ScopedSpinLock lock(slot.lock);
         slot.image = Ref<ImageTextureObject>();
         slot.url = Url();
-        slot.lock.Unlock();
     }
 }
 
@@ -63,22 +66,32 @@ ImageTextureObject* GetImage(const LiteralId& placeholder) {
         if (!placeholder.IsEmpty() && placeholder == IDS[i]) index = i;
     if (index < 0) return nullptr;
     PlaceholderSlot& slot = Slots()[size_t(index)];
-    slot.lock.Lock();
+    // Callers of one slot queue up on its load job, not on its lock: a caller that waits for the
+    // load runs other jobs of the load's queue meanwhile, and one of them may ask for this slot
+    // on the same thread.
     Result<void> loaded = slot.lazy.Run([&slot]() -> Result<void> {
+        Url url;
+        {
+            ScopedSpinLock lock(slot.lock);
+            url = slot.url;
+        }
         Result<ImageTextureObject*> r =
-            ImageTextureInterface::Load(slot.url.GetObject(), 0.0, nullptr, nullptr);
+            ImageTextureInterface::Load(url.GetObject(), 0.0, nullptr, nullptr);
         if (r.IsError()) return r.GetError();
+        ScopedSpinLock lock(slot.lock);
         slot.image = Ref<ImageTextureObject>::Adopt(r.GetValue());
         return OK;
     });
-    ImageTextureObject* image = loaded.IsOk() ? slot.image.Get() : nullptr;
-    if (image) AddReference(image);
-    slot.lock.Unlock();
+    if (loaded.IsError()) return nullptr;
+    ScopedSpinLock lock(slot.lock);
+    ImageTextureObject* image = slot.image.Get();
+    AddReference(image);
     return image;
 }
 
 void* const g_functions[] = {reinterpret_cast<void*>(&GetImage)};
-static_assert(std::is_same_v<decltype(&GetImage), decltype(PreviewImagePlaceholderInterface::Slots::GetImage)>);
+static_assert(std::is_same_v<decltype(&GetImage),
+                             decltype(PreviewImagePlaceholderInterface::Slots::GetImage)>);
 
 TranslationUnitRecord g_unit;
 NonVirtualInterfaceRecord g_interfaceNames;

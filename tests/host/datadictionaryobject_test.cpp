@@ -43,6 +43,23 @@ TEST(DataDictionaryObject, StoresErasesAndResets) {
     EXPECT_TRUE(o.IsEmpty());
 }
 
+// A declared key holds only values of its declared type; undeclared and number keys take any.
+TEST(DataDictionaryObject, ADeclaredKeyRefusesAValueOfAnotherType) {
+    auto o = NewObject();
+    ASSERT_TRUE(SetObjectValue(o, COUNT, Int(7)).IsOk());
+    Result<void> r = o.SetData(COUNT.GetId(), Data::Of(std::string("seven")));
+    ASSERT_TRUE(r.IsError());
+    EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
+    const std::string intType(DataTypeIdOf<Int>::id), textType(DataTypeIdOf<std::string>::id);
+    EXPECT_EQ(std::string(r.GetErrorPointer()->message),
+              "Key net.quorv.test.ddo.count holds values of type " + intType + ", not " + textType);
+    EXPECT_EQ(GetObjectValue(o, COUNT, Int(-1)), 7);  // the old value stays
+    EXPECT_TRUE(
+        o.SetData(LiteralId("net.quorv.test.ddo.undeclared"), Data::Of(std::string("x"))).IsOk());
+    EXPECT_TRUE(o.SetData(LiteralId("net.quorv.test.ddo.undeclared"), Data::Of(Int(1))).IsOk());
+    EXPECT_TRUE(o.SetData(DataDictionaryKey(Int(4)), Data::Of(Float64(0.5))).IsOk());
+}
+
 TEST(DataDictionaryObject, SnapshotsAndCopiesKeepTheirContent) {
     auto o = NewObject();
     ASSERT_TRUE(SetObjectValue(o, COUNT, Int(1)).IsOk());
@@ -88,7 +105,7 @@ TEST(DataDictionaryObject, ConcurrentWritersAndReadersSeeWholeValues) {
 
 // ---- a class composed of the host's class -----------------------------------------------------
 
-#define STAMPED_METHODS(M) \
+#define STAMPED_METHODS(M)   \
     M(Int, GetStamp, (), ()) \
     M(ObjectInstance*, GetSelf, (), ())
 QUORV_VIRTUAL_INTERFACE(StampedInterface, "net.quorv.test.interface.stamped", STAMPED_METHODS);
@@ -117,7 +134,8 @@ Result<void> StampedSetData(void* instance, const ComponentInfo* info, const Dat
 }
 
 bool FillStampedOverrides(ClassObject* cls, const ComponentInfo* info) {
-    MethodEntry* table = ClassInterface::GetOrCreateMTable(cls, &DataDictionaryObjectInterface::Record());
+    MethodEntry* table =
+        ClassInterface::GetOrCreateMTable(cls, &DataDictionaryObjectInterface::Record());
     if (!table) return false;
     table[DataDictionaryObjectInterface::IDX_SetData] =
         MethodEntry{reinterpret_cast<void*>(&StampedSetData), info};

@@ -1,11 +1,15 @@
-// LazyInitThreaded on the host's job system: a failure is kept, a cancelled run is not.
+// LazyInitThreaded on the host's job system: a failure is kept, a cancelled run is not, and a
+// caller that runs inside another caller's wait waits for the same run.
 #include "quorv/lazyinit.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
+#include <vector>
 
 namespace quorv {
 namespace {
@@ -68,6 +72,98 @@ TEST(LazyInitThreaded, CancelAndResetCancelsAPendingRunAndWaits) {
     caller.join();
     EXPECT_TRUE(IsOperationCancelled(seen.GetErrorPointer()));
     EXPECT_EQ(lazy.GetState(), STATE::UNINITIALIZED);
+}
+
+// ---- a caller inside the owner's wait, on the owner's thread --------------------------------
+
+decltype(ThreadServicesInterface::slots.Enqueue) g_hostEnqueue = nullptr;
+std::atomic<bool> g_handOff{false};
+std::atomic<bool> g_runStarted{false};
+std::thread g_runThread;
+JobObject* g_enqueueAfterStart = nullptr;
+
+// The run's job is started by a thread of the test before its caller gets to wait for it (as
+// when another worker takes it first); then `g_enqueueAfterStart` is queued, for the caller's
+// wait to find.
+Result<void> EnqueueStartedElsewhere(JobObject* job, JobQueueObject* queue) {
+    Result<void> queued = g_hostEnqueue(job, queue);
+    if (queued.IsError() || !g_handOff.exchange(false)) return queued;
+    ThreadServicesInterface::AddJobReference(job);
+    g_runThread = std::thread([job] {
+        ThreadServicesInterface::Wait(job, JOB_WAIT_INFINITE);
+        ThreadServicesInterface::RemoveJobReference(job);
+    });
+    while (!g_runStarted) std::this_thread::sleep_for(std::chrono::microseconds(200));
+    EXPECT_TRUE(g_hostEnqueue(g_enqueueAfterStart, nullptr).IsOk());
+    return queued;
+}
+
+TEST(LazyInitThreaded, ACallerInsideTheOwnersWaitOnItsThreadWaitsForTheSameRun) {
+    // Every worker of the default queue is held, so only a waiting thread runs its jobs.
+    const Int workers = JobQueueInterface::GetThreadCount(nullptr);
+    std::atomic<bool> go{false};
+    std::atomic<Int> holding{0};
+    std::vector<JobRef> held;
+    for (Int i = 0; i < workers; ++i) {
+        held.push_back(ClosureJob::Create([&]() -> Result<void> {
+                           ++holding;
+                           while (!go) std::this_thread::sleep_for(std::chrono::microseconds(200));
+                           return OK;
+                       }).GetValue());
+        ASSERT_TRUE(held.back().Enqueue(nullptr).IsOk());
+    }
+    while (holding.load() < workers) std::this_thread::sleep_for(std::chrono::microseconds(200));
+
+    LazyInitThreaded lazy;
+    std::atomic<int> runs{0};
+    std::atomic<bool> innerStarted{false}, done{false};
+    auto work = [&]() -> Result<void> {
+        ++runs;
+        g_runStarted = true;
+        // Still running when the inner caller comes.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!innerStarted && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        return OK;
+    };
+    const std::thread::id owner = std::this_thread::get_id();
+    std::atomic<bool> innerOnOwner{false};
+    Result<void> inner = MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "not run");
+    JobRef innerJob = ClosureJob::Create([&]() -> Result<void> {
+                          innerOnOwner = std::this_thread::get_id() == owner;
+                          innerStarted = true;
+                          inner = lazy.Run(work);
+                          return OK;
+                      }).GetValue();
+    g_enqueueAfterStart = innerJob.Get();
+    // A hang fails the test here instead of stopping the run.
+    std::thread watchdog([&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!done) {
+            if (std::chrono::steady_clock::now() > end) {
+                std::fprintf(stderr, "[  FAILED  ] the inner caller still waits after 60 s\n");
+                std::fflush(stderr);
+                std::_Exit(EXIT_FAILURE);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    g_hostEnqueue = ThreadServicesInterface::slots.Enqueue;
+    ThreadServicesInterface::slots.Enqueue = &EnqueueStartedElsewhere;
+    g_handOff = true;
+    const Result<void> outer = lazy.Run(work);
+    ThreadServicesInterface::slots.Enqueue = g_hostEnqueue;
+    done = true;
+    watchdog.join();
+    go = true;
+    if (g_runThread.joinable()) g_runThread.join();
+    for (JobRef& j : held) j.Wait();
+    EXPECT_TRUE(innerJob.Wait());
+    EXPECT_TRUE(outer.IsOk());
+    EXPECT_TRUE(innerOnOwner.load()) << "the inner caller ran elsewhere: nothing was shown";
+    EXPECT_TRUE(inner.IsOk()) << ErrorToString(inner.GetErrorPointer());
+    EXPECT_EQ(runs.load(), 1);
+    EXPECT_EQ(lazy.GetState(), STATE::INITIALIZED);
 }
 
 }  // namespace

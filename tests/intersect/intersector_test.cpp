@@ -18,14 +18,32 @@ using test::ReferenceObject;
 struct ClassCase {
     const char* id;
     Float64 tTolerance;  ///< relative
-    Float64 normalTolerance;
-    Float64 ambiguity;  ///< rays closer than this (barycentric) to an edge are not compared
+    Float64 ambiguity;   ///< rays closer than this (barycentric) to an edge are not compared
+    Int buildQuality;    ///< embree: 0 low, 1 medium, 2 high; -1 the class's default
+    const char* name;
 };
 
+// Embree at its default and at the cheapest build: the faster build must trace the same.
 const ClassCase CLASSES[] = {
-    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 2e-5, 1e-4},
-    {YMB_INTERSECTION_CLASS_ID, 1e-12, 1e-12, 1e-9},
+    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 1e-4, -1, "embree"},
+    {EMBREE_INTERSECTION_CLASS_ID, 2e-5, 1e-4, 0, "embree_lowquality"},
+    {YMB_INTERSECTION_CLASS_ID, 1e-12, 1e-9, -1, "ymb"},
 };
+
+BatchedIntersectionRef Make(const ClassCase& c) {
+    DataDictionary parameters = DataDictionary::Create().GetValue();
+    if (c.buildQuality >= 0) {
+        const Result<void> set = parameters.SetData(
+            LiteralId("net.quorv.render.intersection.buildquality"), Data::Of(c.buildQuality));
+        EXPECT_TRUE(set.IsOk());
+    }
+    return MakeIntersector(c.id, parameters);
+}
+
+// Both classes compute the normal in Float64 from the points of the triangle hit: it differs
+// from the reference's (made from points placed first) only by rounding, whatever precision
+// the class traces in.
+constexpr Float64 NORMAL_TOLERANCE = 1e-12;
 
 class Intersectors : public ::testing::TestWithParam<ClassCase> {};
 
@@ -73,9 +91,9 @@ int CompareWithReference(const ClassCase& c, const BatchedIntersectionRef& isect
         EXPECT_EQ(Int(got.headWordB), expected->polygon) << c.id << " t " << expected->t;
         EXPECT_EQ(got.hitValue, expected->half);
         EXPECT_NEAR(got.hitVectorA.x, expected->t, c.tTolerance * std::max(1.0, expected->t));
-        EXPECT_NEAR(got.hitVectorB.x, expected->normal.x, c.normalTolerance);
-        EXPECT_NEAR(got.hitVectorB.y, expected->normal.y, c.normalTolerance);
-        EXPECT_NEAR(got.hitVectorB.z, expected->normal.z, c.normalTolerance);
+        EXPECT_NEAR(got.hitVectorB.x, expected->normal.x, NORMAL_TOLERANCE) << c.id;
+        EXPECT_NEAR(got.hitVectorB.y, expected->normal.y, NORMAL_TOLERANCE) << c.id;
+        EXPECT_NEAR(got.hitVectorB.z, expected->normal.z, NORMAL_TOLERANCE) << c.id;
         // The barycentrics give back the hit point.
         const ReferenceObject& o = scene[expected->object];
         const IntersectionPolygon& q = o.polygons[expected->polygon];
@@ -131,7 +149,7 @@ TEST(Meshes, AuthoredObjReadsQuadsFansAndRelativeIndices) {
 
 TEST_P(Intersectors, AuthoredObjMatchesBruteForce) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     ASSERT_TRUE(isect);
     const mesh::Mesh m = ReadAuthored();
     Matrix64 shifted;
@@ -163,7 +181,7 @@ TEST_P(Intersectors, AuthoredObjMatchesBruteForce) {
 
 TEST_P(Intersectors, DegenerateFacesAreNeverHit) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{0, 0, 0}, {1, 1, 0}, {2, 2, 0}, {0, 1, 0}};
     const std::vector<IntersectionPolygon> polys = {{0, 1, 2, 2}, {0, 0, 3, 3}, {1, 1, 1, 1}};
     ASSERT_TRUE(isect.AddScene(pts.data(), 4, polys.data(), 3, Matrix64{}).IsOk());
@@ -178,7 +196,7 @@ TEST_P(Intersectors, DegenerateFacesAreNeverHit) {
 TEST_P(Intersectors, SpheresOfTrianglesAndQuadsMatchBruteForce) {
     const ClassCase c = GetParam();
     for (bool quads : {false, true}) {
-        BatchedIntersectionRef isect = MakeIntersector(c.id);
+        BatchedIntersectionRef isect = Make(c);
         const mesh::Mesh m = mesh::MakeSphere(12, quads);
         ASSERT_TRUE(isect
                         .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -198,7 +216,7 @@ TEST_P(Intersectors, SpheresOfTrianglesAndQuadsMatchBruteForce) {
 TEST_P(Intersectors, NoRayEscapesAClosedMesh) {
     const ClassCase c = GetParam();
     const mesh::Mesh m = mesh::MakeSphere(24, false);
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
                               Int(m.polygons.size()), Matrix64{})
@@ -229,7 +247,7 @@ TEST_P(Intersectors, NoRayEscapesAClosedMesh) {
 // count, a value one step inside them does not.
 TEST_P(Intersectors, RangeEndsAreClosed) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
     const IntersectionPolygon quad{0, 1, 2, 3};
     ASSERT_TRUE(isect.AddScene(pts.data(), 4, &quad, 1, Matrix64{}).IsOk());
@@ -267,7 +285,7 @@ Bool RejectOne(void* user, const IntersectionResult64& candidate) {
 // Two parallel quads; the filter turns the nearer one away, so rays go on to the farther.
 TEST_P(Intersectors, FiltersRejectCandidates) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     FilterLog log;
     ASSERT_TRUE(isect.RegisterFilter(&RejectOne, &log).IsOk());
     const std::vector<Vector64> pts = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0},
@@ -292,7 +310,7 @@ TEST_P(Intersectors, FiltersRejectCandidates) {
 
 TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh box = mesh::MakeBox();
     for (int i = 0; i < 2; ++i) {
         Matrix64 m;
@@ -315,7 +333,7 @@ TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
     ASSERT_TRUE(isect.CalculateIntersection(MakeRay({0.5, 0.5, 20}, {0, 0, -1}), r));
     EXPECT_EQ(r.headWordA, 1u);
     EXPECT_NEAR(r.hitVectorA.x, 9.0, 1e-6);
-    EXPECT_NEAR(r.hitVectorB.z, 1.0, 1e-6);
+    EXPECT_EQ(r.hitVectorB.z, 1.0);  // the top face, turned about z: exact in Float64
     std::vector<EnumeratedObject> objects(3);
     EXPECT_EQ(isect.GetEnumeratedObjects(objects.data(), 3), 2);
     EXPECT_EQ(objects[1].matrix, moved);
@@ -329,7 +347,7 @@ TEST_P(Intersectors, MovedObjectsAreHitWhereTheyAreNow) {
 
 TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh m = mesh::MakeSphere(16, true);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -354,25 +372,25 @@ TEST_P(Intersectors, FourRaysEqualFourSingleRays) {
             const bool hit = isect.CalculateIntersection(*group[k], single);
             ASSERT_EQ(((mask >> k) & 1) != 0, hit);
             EXPECT_EQ(((shadow >> k) & 1) != 0, hit);
-            // The same ray gives the same polygon; Embree's four-wide kernel may round t and
-            // (u, v) differently from its single-ray kernel, ymb runs the same code.
+            // The same ray gives the same triangle, and so the same normal to the last bit;
+            // Embree's four-wide kernel may round t and (u, v) differently from its single-ray
+            // kernel, ymb runs the same code.
             EXPECT_EQ(single.headWordB, results[k].headWordB);
+            EXPECT_EQ(single.hitValue, results[k].hitValue);
+            EXPECT_EQ(std::memcmp(&single.hitVectorB, &results[k].hitVectorB, sizeof(Vector64)), 0);
             if (c.id == std::string(YMB_INTERSECTION_CLASS_ID)) {
-                EXPECT_EQ(
-                    std::memcmp(&single.hitVectorA, &results[k].hitVectorA, sizeof(Vector64) * 2),
-                    0);
+                EXPECT_EQ(std::memcmp(&single.hitVectorA, &results[k].hitVectorA, sizeof(Vector64)),
+                          0);
             } else {
                 EXPECT_NEAR(single.hitVectorA.x, results[k].hitVectorA.x, 1e-6);
-                EXPECT_NEAR(single.hitVectorB.z, results[k].hitVectorB.z, 1e-6);
             }
-            EXPECT_EQ(single.hitValue, results[k].hitValue);
         }
     }
 }
 
 TEST_P(Intersectors, BadObjectsAreRefusedWithTheirReason) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const std::vector<Vector64> pts = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     const IntersectionPolygon outside{0, 1, 3, 3};
     Result<Int> r = isect.AddScene(pts.data(), 3, &outside, 1, Matrix64{});
@@ -396,7 +414,7 @@ TEST_P(Intersectors, BadObjectsAreRefusedWithTheirReason) {
 // Many threads trace one finalized scene at once (run under tsan too).
 TEST_P(Intersectors, RaysFromManyThreadsAgree) {
     const ClassCase c = GetParam();
-    BatchedIntersectionRef isect = MakeIntersector(c.id);
+    BatchedIntersectionRef isect = Make(c);
     const mesh::Mesh m = mesh::MakeSphere(20, false);
     ASSERT_TRUE(isect
                     .AddScene(m.points.data(), Int(m.points.size()), m.polygons.data(),
@@ -441,10 +459,8 @@ TEST(Intersectors, InitRefusesParametersOutsideTheirRange) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES), [](const auto& info) {
-    return std::string(info.param.id)
-        .substr(std::string("net.quorv.render.intersectionclass.").size());
-});
+INSTANTIATE_TEST_SUITE_P(Classes, Intersectors, ::testing::ValuesIn(CLASSES),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace quorv

@@ -60,6 +60,12 @@ TEST(SceneObjects, OnlyASuccessfulSetDataMovesTheStamp) {
     EXPECT_EQ(GetObjectValue(s.dict, SIZE, Int(0)), 2);           // GetData passes through
     EXPECT_TRUE(s.dict.SetData(SIZE.GetId(), Data()).IsError());  // refused by the dictionary
     EXPECT_EQ(s.stamp.GetTimeStamp(), 2);
+    // A value of another type than the key's: refused, and the stamp and the value stay.
+    Result<void> wrongType = s.dict.SetData(SIZE.GetId(), Data::Of(Float64(2.5)));
+    ASSERT_TRUE(wrongType.IsError());
+    EXPECT_EQ(wrongType.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
+    EXPECT_EQ(s.stamp.GetTimeStamp(), 2);
+    EXPECT_EQ(GetObjectValue(s.dict, SIZE, Int(0)), 2);
     EXPECT_TRUE(s.dict.EraseData(SIZE.GetId()));
     EXPECT_EQ(s.stamp.GetTimeStamp(), 2);
     ASSERT_TRUE(SetObjectValue(s.dict, SIZE, Int(5)).IsOk());

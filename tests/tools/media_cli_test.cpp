@@ -115,11 +115,20 @@ TEST(PlaceholderCli, WritesEachPictureIntoTheFolder) {
     EXPECT_NE(out.find(id + "\t"), std::string::npos) << out;
     EXPECT_NE(out.find("\t64x64\n"), std::string::npos) << out;
     EXPECT_GT(fs::file_size(dir.path / (id + ".png")), 0u);
-    // A folder that isn't there: the error names the file, nothing is left behind.
-    out = Cli("placeholder " + id + " -o " + (dir.path / "none").string() + " 2>&1", &status);
-    EXPECT_NE(status, 0);
-    EXPECT_NE(out.find("none/" + id + ".png"), std::string::npos) << out;
-    EXPECT_FALSE(fs::exists(dir.path / "none"));
+    // A folder that isn't there yet is made.
+    out = Cli("placeholder " + id + " -o " + (dir.path / "new" / "sub").string(), &status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_GT(fs::file_size(dir.path / "new" / "sub" / (id + ".png")), 0u);
+    // One that can't be made (a file stands in its way): the error names it, nothing is loaded
+    // or written.
+    std::ofstream(dir.path / "file") << "x";
+    out =
+        Cli("placeholder " + id + " -o " + (dir.path / "file" / "sub").string() + " 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(
+        out.rfind("quorv: cannot create the folder " + (dir.path / "file" / "sub").string(), 0), 0u)
+        << out;
+    EXPECT_EQ(out.find(id + "\t"), std::string::npos) << out;
 }
 
 }  // namespace

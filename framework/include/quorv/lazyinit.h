@@ -1,23 +1,24 @@
 #pragma once
 /// `LazyInitThreaded`: a value made once, by a job, on first use. The first caller moves the
-/// state from UNINITIALIZED to PENDING, runs the work as a closure job on the default queue and
-/// waits for it without a time limit (a wait that lends the thread to the pool). Success makes
-/// the state INITIALIZED and drops the job; a failure makes it FAILED and keeps the finished job,
-/// so every later caller gets the same error at once, inside `ThreadedExclusiveResource` marks,
-/// and the work is never tried again. `Reset` goes back to UNINITIALIZED (dropping a finished
-/// job); `CancelAndReset` first cancels a pending job, then waits for it and resets.
+/// state from UNINITIALIZED to PENDING, runs the work as a job (its parent the caller's job, on
+/// the default queue) and waits for it without a time limit, a wait that lends the thread to
+/// other jobs of that queue. Callers that come while it is PENDING wait for the same job.
+/// Success makes the state INITIALIZED and drops the job; a failure makes it FAILED and keeps
+/// the finished job, so every later caller gets the same error at once, inside
+/// `ThreadedExclusiveResource` marks, and the work is never tried again. `Reset` goes back to
+/// UNINITIALIZED (dropping a finished job); `CancelAndReset` first cancels a pending job, then
+/// waits for it and resets.
 ///
 /// When the caller is itself a job, its cancellation cancels the work (the work's job is a
 /// child of the caller's). A cancelled run is no failure of the work: it leaves the state
 /// UNINITIALIZED, so the next caller runs the work again.
 ///
-/// Thread safety: every operation takes the object's own lock; `Run` holds it while the work
-/// runs, so callers of one object queue up behind the first.
+/// Thread safety: any thread. No lock is held while the work runs or is waited for (see
+/// `OnceGuard`, which holds the state): one of the jobs that a waiting thread runs meanwhile may
+/// ask for the same value on that thread, and it then waits for the job too instead of for a
+/// lock its own thread holds.
 
-#include <atomic>
-#include <mutex>
-
-#include "quorv/jobs.h"
+#include "quorv/onceguard.h"
 
 namespace quorv {
 
@@ -30,82 +31,42 @@ public:
     LazyInitThreaded& operator=(const LazyInitThreaded&) = delete;
 
     /// Makes the value with `work()` (a callable returning `Result<void>`) unless that happened
-    /// already; the result of the one run, or the kept failure.
+    /// already; the result of the one run, or the kept failure. `work` is called on some thread
+    /// while this call waits, so it may refer to the caller's locals.
     template <typename F>
     Result<void> Run(F&& work) {
-        // The common call, once the value exists: one load, no lock.
-        if (_initialized.load(std::memory_order_acquire)) return OK;
-        std::lock_guard<std::mutex> lock(_mutex);
-        if (_state == STATE::INITIALIZED) return OK;
-        if (_state == STATE::FAILED) {
-            // The failure is kept with its job: report it again without running anything.
-            ThreadServicesInterface::ThreadedExclusiveResource(true);
-            JobRef job = _job;
-            job.Wait();
-            Result<void> r = job.GetResult();
-            ThreadServicesInterface::ThreadedExclusiveResource(false);
-            return r.IsError() ? r : Result<void>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                                                            "The lazy initialisation failed"));
-        }
-        Result<JobRef> made = ClosureJob::Create(std::forward<F>(work));
-        if (made.IsError()) return made.GetError();
-        _job = made.GetValue();
-        _state = STATE::PENDING;
-        {
-            std::lock_guard<std::mutex> pending(_pendingMutex);
-            _pending = _job;
-        }
-        Result<void> queued = _job.Enqueue(nullptr);
-        if (queued.IsOk()) _job.Wait();
-        Result<void> r = queued.IsError() ? queued : _job.GetResult();
-        {
-            std::lock_guard<std::mutex> pending(_pendingMutex);
-            _pending = JobRef();
-        }
-        if (r.IsOk()) {
-            _state = STATE::INITIALIZED;
-            _job = JobRef();
-            _initialized.store(true, std::memory_order_release);
-        } else if (queued.IsError() || IsOperationCancelled(r.GetErrorPointer()) ||
-                   ThreadServicesInterface::IsCancelled(_job.Get())) {
-            // Nothing ran, or the run was called off: the next call tries again.
-            _state = STATE::UNINITIALIZED;
-            _job = JobRef();
-        } else {
-            _state = STATE::FAILED;
-        }
-        return r;
+        // The common call, once the value exists: one load.
+        if (_guard.IsDone()) return OK;
+        return _guard.Run(work, OnceGuard::FAILURE::KEEP_ERROR);
     }
 
     STATE GetState() const {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _state;
+        switch (_guard.GetState()) {
+            case OnceGuard::DONE:
+                return STATE::INITIALIZED;
+            case OnceGuard::FAILED:
+            case OnceGuard::FAILED | OnceGuard::READER:
+                return STATE::FAILED;
+            case OnceGuard::FREE:
+                return STATE::UNINITIALIZED;
+            default:
+                return STATE::PENDING;
+        }
     }
 
     /// Back to UNINITIALIZED, dropping a finished job. A pending run is waited for first.
-    void Reset() {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _initialized.store(false, std::memory_order_release);
-        _state = STATE::UNINITIALIZED;
-        _job = JobRef();
-    }
+    void Reset() { ResetAfter(false); }
 
     /// Cancels a pending run, waits for it, then resets.
-    void CancelAndReset() {
-        {
-            std::lock_guard<std::mutex> pending(_pendingMutex);
-            if (_pending) ThreadServicesInterface::Cancel(_pending.Get());
-        }
-        Reset();
-    }
+    void CancelAndReset() { ResetAfter(true); }
 
 private:
-    std::atomic<bool> _initialized{false};  ///< INITIALIZED, readable without the lock
-    mutable std::mutex _mutex;
-    std::mutex _pendingMutex;  ///< guards `_pending` apart, so a canceller needn't wait for `_mutex`
-    JobRef _pending;
-    STATE _state = STATE::UNINITIALIZED;
-    JobRef _job;
+    void ResetAfter(bool cancel) {
+        _guard.WaitForBuild(OnceGuard::FAILURE::KEEP_ERROR, cancel);
+        if (!_guard.ResetFailed() && _guard.ClaimDone()) _guard.Release();
+    }
+
+    OnceGuard _guard;
 };
 
 }  // namespace quorv

@@ -8,6 +8,10 @@
 /// a reader that is taking a reference to the running job, which the owner waits out before it
 /// detaches the job.
 ///
+/// No lock is held while a build runs or is waited for: a waiter lends its thread to other
+/// jobs of the build's queue, and one of those may need the same guard on the same thread.
+/// Whoever first sees the build's end (its owner or any waiter) moves the word on.
+///
 /// Thread safety: any number of threads may call `Run` at once; exactly one of them makes the
 /// job. The word uses acquire and release ordering; the done state is the only thing the
 /// common path reads.
@@ -60,6 +64,10 @@ public:
     /// The state bits, for tests and walks.
     UInt GetState() const { return _word.load(std::memory_order_acquire) & STATE_MASK; }
 
+    /// Returns once no build is in flight; with `cancel`, cancels a running build first (which
+    /// then leaves the guard free, unless it ended anyway). `failure` as the builders' `Run`.
+    void WaitForBuild(FAILURE failure, bool cancel);
+
     /// Moves a failed guard (state 1) back to free, dropping the failed job. True when it did.
     bool ResetFailed();
     /// Moves a done guard (state 8) to claimed, for a caller that then clears what the build
@@ -74,7 +82,10 @@ public:
     OnceGuard& operator=(const OnceGuard&) = delete;
 
 private:
-    Result<void> RunAsOwner(JobFunction build, void* user, FAILURE failure, SpinWaitRecord& record);
+    Result<void> RunAsOwner(JobFunction build, void* user, FAILURE failure);
+    /// Moves the word from `running` to what the build's result `r` makes it, unless that
+    /// happened already.
+    void Settle(UInt running, const Result<void>& r, FAILURE failure);
 
     std::atomic<UInt> _word{FREE};
 };

@@ -1,6 +1,7 @@
 // The host's class "net.quorv.class.datadictionaryobject": a copy-on-write dictionary behind a
 // mutex. Reads copy a value (or the dictionary, which only adds a reference) under the lock, so
-// a value never changes under a reader; a write while a snapshot is out copies the dictionary.
+// a value never changes under a reader; a write while a snapshot is out copies the dictionary. A
+// value of another type than its key was declared with is refused.
 #include <mutex>
 
 #include "host_internal.h"
@@ -30,6 +31,9 @@ struct DataDictionaryObjectImpl {
             return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                              "An empty value cannot be stored in a data dictionary object");
         }
+        // A key declared with a value type holds only values of that type: its readers take
+        // anything else for absent.
+        QUORV_RETURN_IF_ERROR(CheckDeclaredKeyType(key, value.GetType()));
         std::lock_guard<std::mutex> lock(mutex);
         return content.SetData(key, value);
     }
@@ -83,7 +87,8 @@ void RegisterHostClasses() {
     component.id = LiteralId(DATADICTIONARYOBJECT_CLASS_ID);
     ClassObject* cls = ClassInterface::Alloc(component.id, 1, QUORV_SOURCE_LOCATION);
     if (!cls) {
-        HostCriticalOutput("The host's data dictionary object class could not be made: out of memory");
+        HostCriticalOutput(
+            "The host's data dictionary object class could not be made: out of memory");
         return;
     }
     Ref<ClassObject> holder(cls);

@@ -15,11 +15,12 @@ namespace {
 
 const char* const TRANSLATE_HELP =
     R"(Reads JSON lines on stdin, {"url":"relative:///tex/wood.png","type":"TEXTURE"}, and writes
-{"url":"file:///..."} for the first search path that holds a file of that name, or
-{"error":"Asset not found."}. "type" is ANY, TEXTURE, SCENE or 0..2 (default ANY); an ANY request
-sees only ANY search paths. Urls of other schemes come back unchanged. The search paths are the
-defaults "relative:///" (ANY) and "relative:///tex" (TEXTURE), joined to --base, then each
---search in order. Links and folders are not files.)";
+{"url":"/base/tex/wood.png"} for the first search path that holds a file of that name (the
+url's text: a file url is written as its plain path), or {"error":"Asset not found."}. "type"
+is ANY, TEXTURE, SCENE or 0..2 (default ANY); an ANY request sees only ANY search paths. Urls
+of other schemes come back unchanged. The search paths are the defaults "relative:///" (ANY)
+and "relative:///tex" (TEXTURE), joined to --base, then each --search in order. Links and
+folders are not files.)";
 
 struct AssetOptions {
     std::string base;

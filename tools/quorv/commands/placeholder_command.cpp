@@ -1,9 +1,8 @@
 // quorv placeholder: the preview placeholder pictures by reason id.
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <filesystem>
 
 #include "commands.h"
 #include "media_picture.h"
@@ -21,6 +20,15 @@ std::string PictureFile(const std::string& directory, const std::string& id) {
 
 int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& ids,
                    const std::string& directory) {
+    if (!directory.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(directory, ec);
+        if (ec) {
+            std::fprintf(stderr, "quorv: cannot create the folder %s: %s\n", directory.c_str(),
+                         ec.message().c_str());
+            return 1;
+        }
+    }
     if (!StartHost(global)) return 1;
     // Held until the end, so the same object shows the same identity.
     std::vector<Ref<ImageTextureObject>> held;
@@ -55,13 +63,14 @@ int RunPlaceholder(const GlobalOptions& global, const std::vector<std::string>& 
 void AddPlaceholderCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
     static std::vector<std::string> ids;
     static std::string directory;
-    CLI::App* cmd = app.add_subcommand(
-        "placeholder",
-        "Preview placeholder pictures by reason id: id, object identity, size (exit 1 if one is none)");
+    CLI::App* cmd = app.add_subcommand("placeholder",
+                                       "Preview placeholder pictures by reason id: id, object "
+                                       "identity, size (exit 1 if one is none)");
     cmd->add_option("ids", ids, "Reason ids, e.g. net.quorv.nodes.previewimageplaceholder.error")
         ->required();
     cmd->add_option("-o,--output", directory,
-                    "Folder to write each picture to, as ID.png (whole or not at all)");
+                    "Folder to write each picture to, as ID.png (whole or not at all); made if "
+                    "missing");
     cmd->callback([&] { run = [&] { return RunPlaceholder(options, ids, directory); }; });
 }
 
