@@ -54,6 +54,17 @@ const Int* ModelFind(const Model& m, const ModelKey& k) {
     return nullptr;
 }
 
+// A set: a present key keeps its place, a new one goes last.
+void ModelSet(Model& m, const ModelKey& k, Int value) {
+    for (auto& [key, v] : m) {
+        if (key == k) {
+            v = value;
+            return;
+        }
+    }
+    m.emplace_back(k, value);
+}
+
 std::vector<std::pair<std::string, Int>> Entries(const Model& m) {
     std::vector<std::pair<std::string, Int>> out;
     for (const auto& [key, value] : m) out.emplace_back(key.Name(), value);
@@ -148,14 +159,7 @@ TEST(HostDictionaryIndex, RandomRunsMatchAModel) {
             if (op < (growing ? 65u : 30u)) {
                 const Int value = nextValue++;
                 ASSERT_TRUE(d.SetData(k.Key(), Data::Of(value)).IsOk()) << where;
-                bool found = false;
-                for (auto& [key, v] : m) {
-                    if (key == k) {
-                        v = value;
-                        found = true;
-                    }
-                }
-                if (!found) m.emplace_back(k, value);
+                ModelSet(m, k, value);
             } else if (op < 92) {
                 ASSERT_TRUE(d.MakeWritable().IsOk());
                 const bool present = ModelFind(m, k) != nullptr;
@@ -171,14 +175,7 @@ TEST(HostDictionaryIndex, RandomRunsMatchAModel) {
                 const Int value = nextValue++;
                 ASSERT_TRUE(copy.SetData(k.Key(), Data::Of(value)).IsOk());
                 EXPECT_NE(copy.GetObject(), d.GetObject());
-                bool found = false;
-                for (auto& [key, v] : copyModel) {
-                    if (key == k) {
-                        v = value;
-                        found = true;
-                    }
-                }
-                if (!found) copyModel.emplace_back(k, value);
+                ModelSet(copyModel, k, value);
                 ExpectMatches(d, m, pool, where + " original");
                 if (random() % 2) {
                     d = copy;
@@ -222,8 +219,7 @@ TEST(HostDictionaryIndex, OutOfMemoryAtEachAllocationOfASetLeavesTheDictionaryAs
                 EXPECT_EQ(d.Get<Int>(pool[i].Key(), 0), isNew ? 0 : -1 - i) << where;
                 for (Int j = 0; j < i; ++j) EXPECT_EQ(d.Get<Int>(pool[j].Key(), 0), m[j].second);
             }
-            if (isNew) m.emplace_back(pool[i], value);
-            m.back().second = value;
+            ModelSet(m, pool[i], value);
         }
         ExpectMatches(d, m, pool, "after " + pool[i].Name());
     }
