@@ -60,6 +60,8 @@ bench:
 	build/release/bin/bench_preview
 	build/release/bin/bench_media
 	build/release/bin/bench_intersect
+	build/release/bin/bench_nodes
+	build/release/bin/bench_bsdfcompare
 
 # The reader under libFuzzer, in its own clang build; seeded from the test files, and every
 # input that ever failed stays in fuzz/regressions and is replayed first.

@@ -2,6 +2,7 @@
 // exchange and renderer names: the module's sources linked in.
 #include <benchmark/benchmark.h>
 
+#include <string>
 #include <vector>
 
 #include "quorv/host/host.h"
@@ -106,6 +107,40 @@ void BM_GetRendererName(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_GetRendererName)->Threads(1)->Threads(2);
+
+// A lookup of a present key in a dictionary of `range(0)` entries, the keys taken in turn: what
+// the watch test does a dozen times per observer. Integer keys, then id keys whose texts are
+// the lookup's own (so bytes are compared, as for keys declared in another module).
+void BM_DictionaryFindNumber(benchmark::State& state) {
+    StartOnce();
+    const Int n = state.range(0);
+    DataDictionary d = DataDictionary::Create().GetValue();
+    for (Int k = 0; k < n; ++k) (void)d.SetData(k * 3, Data::Of(k));
+    Int k = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(d.Find(k * 3));
+        if (++k == n) k = 0;
+    }
+}
+BENCHMARK(BM_DictionaryFindNumber)->Arg(2)->Arg(4)->Arg(8)->Arg(16)->Arg(64);
+
+void BM_DictionaryFindId(benchmark::State& state) {
+    StartOnce();
+    const Int n = state.range(0);
+    std::vector<std::string> keys;
+    for (Int k = 0; k < n; ++k)
+        keys.push_back("net.quorv.bench.dictionary.key" + std::to_string(k));
+    DataDictionary d = DataDictionary::Create().GetValue();
+    for (Int k = 0; k < n; ++k) (void)d.SetData(LiteralId(keys[k].c_str()), Data::Of(k));
+    std::vector<DataDictionaryKey> lookups;
+    for (const std::string& key : keys) lookups.emplace_back(LiteralId(key.c_str()));
+    size_t k = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(d.Find(lookups[k]));
+        if (++k == lookups.size()) k = 0;
+    }
+}
+BENCHMARK(BM_DictionaryFindId)->Arg(2)->Arg(4)->Arg(8)->Arg(16)->Arg(64);
 
 }  // namespace
 }  // namespace quorv::nodes

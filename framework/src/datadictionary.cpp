@@ -1,4 +1,5 @@
 #include "quorv/datadictionary.h"
+
 #include "quorv/datadictionaryobject.h"
 
 namespace quorv {
@@ -15,6 +16,17 @@ Data DataDictionary::GetData(const DataDictionaryKey& key) const {
     const DataDictionaryObject* d = GetReadable();
     if (d) DataDictionaryInterface::GetData(d, key, &value);
     return value;
+}
+
+const Data* DataDictionary::FindCopy(const DataDictionaryKey& key, Data* spare) const {
+    // A host without the lending slot leaves this module's stub in it: only then is the null
+    // answer no answer.
+    const auto slot = reinterpret_cast<void*>(DataDictionaryInterface::slots.FindData);
+    const void* stub =
+        DataDictionaryInterface::Describe().stubs[DataDictionaryInterface::IDX_FindData];
+    if (slot != stub) return nullptr;
+    *spare = GetData(key);
+    return spare->IsEmpty() ? nullptr : spare;
 }
 
 Result<void> DataDictionary::MakeWritable() {
@@ -42,8 +54,8 @@ Int DataDictionary::GetCount() const {
 }
 
 Result<DataDictionaryObjectInterface::Ref> CreateDataDictionaryObject() {
-    Result<ObjectRef> object =
-        CreateObjectById(LiteralId(HOST_CLASS_REGISTRY_ID), LiteralId(DATADICTIONARYOBJECT_CLASS_ID));
+    Result<ObjectRef> object = CreateObjectById(LiteralId(HOST_CLASS_REGISTRY_ID),
+                                                LiteralId(DATADICTIONARYOBJECT_CLASS_ID));
     if (object.IsError()) return object.GetError();
     return DataDictionaryObjectInterface::Ref::Cast(object.GetValue());
 }

@@ -151,17 +151,23 @@ Result<std::string> GetRendererName(const Id& renderer) {
     }
 }
 
+// The value `entry` watches in `d`: lent by the dictionary, so that nothing is copied and no
+// sub-dictionary is counted (a host that cannot lend copies into `spare`). Null when absent,
+// and when the sub-dictionary is missing or not a dictionary.
+const Data* WatchedValue(const WatchedEntry& entry, const DataDictionary& d, Data (&spare)[2]) {
+    if (entry.first == -1) return d.Find(entry.second, &spare[0]);
+    const DataDictionary* sub = d.GetPointer<DataDictionary>(entry.first, &spare[1]);
+    return sub ? sub->Find(entry.second, &spare[0]) : nullptr;
+}
+
 bool ChangedEntry(const WatchedEntry& entry, const DataDictionary& oldDictionary,
                   const DataDictionary& newDictionary) {
-    auto lookup = [&](const DataDictionary& d) -> Data {
-        if (entry.first == -1) return d.GetData(entry.second);
-        const DataDictionary sub = d.Get<DataDictionary>(entry.first, DataDictionary());
-        return sub.GetData(entry.second);
-    };
-    const Data now = lookup(newDictionary);
-    if (now.IsEmpty()) return false;  // a value the new dictionary lacks counts as unchanged
+    Data spareNow[2], spareBefore[2];
+    const Data* now = WatchedValue(entry, newDictionary, spareNow);
+    if (!now) return false;  // a value the new dictionary lacks counts as unchanged
     // A value absent before, or of a type that can't compare, counts as changed.
-    return !IsEqualData(lookup(oldDictionary), now);
+    const Data* before = WatchedValue(entry, oldDictionary, spareBefore);
+    return !before || !IsEqualData(*before, *now);
 }
 
 }  // namespace

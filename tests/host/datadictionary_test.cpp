@@ -203,7 +203,7 @@ TEST(HostDictionary, OutOfMemoryWhileCopyingLeavesBothSidesAlone) {
     ASSERT_TRUE(a.Set(NAME, std::string("first")).IsOk());
     ASSERT_TRUE(a.Set(SCALE, 1.0).IsOk());
     DataDictionary b = a;
-    // Allocations of the set: the new value, the copy's block, the copy of its first value.
+    // Allocations of the set: the new value, the copy's block, the copy's entry storage.
     host::Host::Get().FailAllocationAfter(3);
     Result<void> r = b.Set(SCALE, 2.0);
     host::Host::Get().FailAllocationAfter(0);

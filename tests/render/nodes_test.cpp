@@ -503,13 +503,22 @@ DataDictionary Prefs(Bool prefsChanged, DataDictionary prefs, Bool renderChanged
     return m;
 }
 
+// The watch test reads values where they are stored; on a host that cannot lend them (the
+// dictionary slot left to its stub) it copies, and must decide alike.
 TEST(NodeWorld, WatchTest) {
+    host::Host::Get().ClearCriticalLog();
     const DataDictionary empty;
     const DataDictionary a1 = With(Dict(), Int(1), Int(10));
     const DataDictionary a2 = With(Dict(), Int(1), Int(11));
     const DataDictionary a1b = With(With(Dict(), Int(1), Int(10)), Int(2), Int(5));
     const DataDictionary sub1 = With(Dict(), Int(7), With(Dict(), Int(3), 1.5));
     const DataDictionary sub2 = With(Dict(), Int(7), With(Dict(), Int(3), 2.5));
+    const DataDictionary sub1b =
+        With(With(Dict(), Int(7), With(Dict(), Int(3), 1.5)), Int(1), Int(0));
+    const DataDictionary notSub = With(Dict(), Int(7), Int(3));
+    // A value of a type without comparison (equal or not, it can't tell).
+    const DataDictionary packed =
+        With(Dict(), Int(1), PackedMaterialParameter{Data::Of(1.0), true, nullptr});
     struct Case {
         const char* name;
         WatchList p, r;
@@ -529,6 +538,12 @@ TEST(NodeWorld, WatchTest) {
         {"absent now counts as unchanged", w2, {}, true, false, a1b, a1, empty, empty, false},
         {"sub-dictionary entry changed", wsub, {}, true, false, sub1, sub2, empty, empty, true},
         {"render data list with its flag", {}, w1, false, true, empty, empty, a1, a2, true},
+        {"sub-dictionary entry equal", wsub, {}, true, false, sub1, sub1b, empty, empty, false},
+        {"sub-dictionary absent before", wsub, {}, true, false, a1, sub1, empty, empty, true},
+        {"sub-dictionary absent now", wsub, {}, true, false, sub1, a1, empty, empty, false},
+        {"not a sub-dictionary now", wsub, {}, true, false, sub1, notSub, empty, empty, false},
+        {"not a sub-dictionary before", wsub, {}, true, false, notSub, sub1, empty, empty, true},
+        {"no comparison: changed", w1, {}, true, false, packed, packed, empty, empty, true},
         {"empty preferences list, render data unchanged",
          {},
          w1,
@@ -540,10 +555,23 @@ TEST(NodeWorld, WatchTest) {
          a1,
          false},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(IsWatchedChange(c.p, c.r, c.pc, c.rc, c.oldP, c.newP, c.oldR, c.newR), c.called)
-            << c.name;
+    using Slot = decltype(DataDictionaryInterface::slots.FindData);
+    const Slot lending = DataDictionaryInterface::slots.FindData;
+    const auto stub = reinterpret_cast<Slot>(
+        DataDictionaryInterface::Describe().stubs[DataDictionaryInterface::IDX_FindData]);
+    for (const Slot slot : {lending, stub}) {
+        DataDictionaryInterface::slots.FindData = slot;
+        for (const Case& c : cases) {
+            EXPECT_EQ(IsWatchedChange(c.p, c.r, c.pc, c.rc, c.oldP, c.newP, c.oldR, c.newR),
+                      c.called)
+                << c.name << (slot == stub ? " (copying)" : "");
+        }
     }
+    DataDictionaryInterface::slots.FindData = lending;
+    // The comparison-less type was asked once per pass, and said so.
+    EXPECT_EQ(host::Host::Get().GetCriticalLog(),
+              std::vector<std::string>(2, "Stop: IsEqual not defined."));
+    host::Host::Get().ClearCriticalLog();
 }
 
 TEST(NodeWorld, PreferencesStoredAndWatched) {

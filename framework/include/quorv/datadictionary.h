@@ -31,7 +31,8 @@ class DataDictionary {
 public:
     DataDictionary() = default;
     /// Takes a new reference on `d`.
-    explicit DataDictionary(const DataDictionaryObject* d) : _d(const_cast<DataDictionaryObject*>(d)) {
+    explicit DataDictionary(const DataDictionaryObject* d)
+        : _d(const_cast<DataDictionaryObject*>(d)) {
         AddReference(_d);
     }
     DataDictionary(const DataDictionary& o) : _d(o._d) { AddReference(_d); }
@@ -53,21 +54,44 @@ public:
         return _d ? _d : DataDictionaryInterface::GetEmpty();
     }
 
-    /// The value under `key`, or `defaultValue` when absent or of another type.
+    /// The value stored under `key`, lent rather than copied; null when absent. It is valid
+    /// while this dictionary is held and nobody writes it: writes through `DataDictionary` copy
+    /// a shared dictionary first, so only a write through this very handle (while it is the
+    /// sole holder) ends it. Any number of threads may look up one dictionary at once.
+    ///
+    /// A host that cannot lend answers null for every key; with `spare` given, the value is
+    /// then copied into `*spare` and the answer points there (null when absent, or when the
+    /// copy ran out of memory).
+    const Data* Find(const DataDictionaryKey& key, Data* spare = nullptr) const {
+        if (!_d) return nullptr;  // null reads as the empty dictionary
+        const Data* v = DataDictionaryInterface::FindData(_d, key);
+        return v || !spare ? v : FindCopy(key, spare);
+    }
+    /// The value under `key` when it is of type T, lent as `Find` lends it; null when absent or
+    /// of another type.
+    template <typename T>
+    const T* GetPointer(const DictionaryKey<T>& key, Data* spare = nullptr) const {
+        return GetPointer<T>(key.GetId(), spare);
+    }
+    template <typename T>
+    const T* GetPointer(const DataDictionaryKey& key, Data* spare = nullptr) const {
+        const Data* v = Find(key, spare);
+        return v ? v->template Get<T>() : nullptr;
+    }
+
+    /// A copy of the value under `key`, or `defaultValue` when absent or of another type. Only
+    /// the T is copied, not the stored value.
     template <typename T>
     T Get(const DictionaryKey<T>& key, const T& defaultValue) const {
         return Get<T>(key.GetId(), defaultValue);
     }
     template <typename T>
     T Get(const DataDictionaryKey& key, const T& defaultValue) const {
-        const DataDictionaryObject* d = GetReadable();
-        if (!d) return defaultValue;
-        Data value;
-        if (!DataDictionaryInterface::GetData(d, key, &value)) return defaultValue;
-        const T* v = value.template Get<T>();
+        Data spare;
+        const T* v = GetPointer<T>(key, &spare);
         return v ? *v : defaultValue;
     }
-    /// The raw value under `key`; empty when absent.
+    /// A copy of the raw value under `key`; empty when absent, or when memory is short.
     Data GetData(const DataDictionaryKey& key) const;
 
     /// Stores a value, first replacing a shared dictionary by a private copy.
@@ -84,6 +108,9 @@ public:
     Int GetCount() const;
 
 private:
+    // `Find` after the host found nothing: copies through `GetData` when the host cannot lend.
+    const Data* FindCopy(const DataDictionaryKey& key, Data* spare) const;
+
     DataDictionaryObject* _d = nullptr;
 };
 

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "quorv/basictypes.h"
-
 #include "quorv/entity.h"
 
 namespace quorv {
@@ -21,7 +20,7 @@ struct DataType {
     Int alignment;
     const DataTypeOperations* operations;
     DATATYPEKIND kind;
-    UInt8 flags;                 ///< bit 0: immortal, no reference counting
+    UInt8 flags;                  ///< bit 0: immortal, no reference counting
     const EnumValue* enumValues;  ///< enumerations: their values
     Int enumCount;
     const DataType* elementType;  ///< generic and delegate types: what they wrap
@@ -53,7 +52,9 @@ public:
         std::swap(_value, o._value);
         return *this;
     }
-    ~Data() { Reset(); }
+    ~Data() {
+        if (_type) Reset();  // empty ones (spares, moved-from values) end without a call
+    }
 
     /// A value of `type` copied from `src`; empty when memory is short (IsEmpty then tells).
     static Data Make(const DataType* type, const void* src);
@@ -79,10 +80,10 @@ static_assert(sizeof(Data) == 16);
 template <typename T>
 struct DataTypeIdOf;
 
-#define QUORV_DATATYPE_ID(TYPE, ID)                          \
-    template <>                                              \
-    struct DataTypeIdOf<TYPE> {                              \
-        static constexpr const char* id = ID;                \
+#define QUORV_DATATYPE_ID(TYPE, ID)           \
+    template <>                               \
+    struct DataTypeIdOf<TYPE> {               \
+        static constexpr const char* id = ID; \
     }
 
 QUORV_DATATYPE_ID(Bool, "bool");

@@ -127,6 +127,12 @@ QUORV_NONVIRTUAL_INTERFACE(CStringInterface, "net.quorv.interface.cstring", QUOR
     M(IODETECT, IoDetect, (const UrlObject* u), (u))
 QUORV_NONVIRTUAL_INTERFACE(UrlInterface, "net.quorv.interface.url", QUORV_URL_METHODS);
 
+/// `FindData` (appended last, so that the slot order of modules built before it still holds):
+/// the value stored under the key, lent rather than copied; null when absent, and from a host
+/// that lacks the slot. The value is valid while the caller holds a reference to the
+/// dictionary and nobody writes it; since writers copy a shared dictionary first, a holder's
+/// lent value stays put whatever other holders write. Any number of threads may look up one
+/// dictionary at once; none may write it meanwhile.
 #define QUORV_DATADICTIONARY_METHODS(M) \
     M(DataDictionaryObject*, Alloc, (const SourceLocation& loc), (loc)) \
     M(DataDictionaryObject*, AllocCopy, (const DataDictionaryObject* source, const SourceLocation& loc), (source, loc)) \
@@ -141,7 +147,8 @@ QUORV_NONVIRTUAL_INTERFACE(UrlInterface, "net.quorv.interface.url", QUORV_URL_ME
     M(Bool, IteratorGetKeyAndData, (const DataDictionaryIteratorState* it, DataDictionaryKey* key, Data* out), (it, key, out)) \
     M(void, IteratorMoveToNext, (DataDictionaryIteratorState* it), (it)) \
     M(Bool, IteratorIsEqual, (const DataDictionaryIteratorState* a, const DataDictionaryIteratorState* b), (a, b)) \
-    M(void, IteratorDestruct, (DataDictionaryIteratorState* it), (it))
+    M(void, IteratorDestruct, (DataDictionaryIteratorState* it), (it)) \
+    M(const Data*, FindData, (const DataDictionaryObject* d, const DataDictionaryKey& key), (d, key))
 QUORV_NONVIRTUAL_INTERFACE(DataDictionaryInterface, "net.quorv.interface.datadictionary", QUORV_DATADICTIONARY_METHODS);
 
 #define QUORV_DATATYPELIB_METHODS(M) \
