@@ -3,6 +3,10 @@
 // started claims it and runs it inline; while the job it waits for runs elsewhere, it pops and
 // runs other pending jobs of that queue, so a waiting worker keeps working instead of starving
 // the pool (and a chain of waits cannot deadlock on a pool that is all waiters).
+//
+// A job passes between threads through libtbb, which the thread sanitizer cannot see into: the
+// marks at enqueue, start, finish and wait state the order the job system gives (nothing in
+// other builds), so races inside job bodies are reported like races anywhere else.
 #include <tbb/concurrent_queue.h>
 #include <tbb/global_control.h>
 #include <tbb/info.h>
@@ -23,6 +27,7 @@
 
 #include "host_internal.h"
 #include "quorv/jobs.h"
+#include "tsan_marks.h"
 
 namespace quorv {
 
@@ -196,6 +201,8 @@ void Cancel(JobObject* job) {
 }
 
 void Finish(JobObject* job, Result<void> result) {
+    // What the body did happens before the waiters and the finished observers.
+    TsanRelease(job);
     std::vector<std::pair<JobObserver, void*>> observers;
     {
         std::lock_guard<std::mutex> lock(job->mutex);
@@ -223,6 +230,7 @@ bool TryRun(JobObject* job) {
     do {
         if (s != JOBSTATE::NEW && s != JOBSTATE::QUEUED) return false;
     } while (!job->state.compare_exchange_weak(s, JOBSTATE::RUNNING, std::memory_order_acq_rel));
+    TsanAcquire(job);  // what the enqueuer did before `Enqueue`
     Result<void> result = OK;
     if (IsCancelled(job)) {
         result = OperationCancelledError(QUORV_SOURCE_LOCATION);
@@ -272,6 +280,30 @@ void DrainDefaultQueueAtExit() {
     for (JobObject* j : unfinished) q.pending.push(j);
 }
 
+// What the arena runs for each pending entry. oneTBB copies it into a task of its own and hands
+// that to a worker inside libtbb; the queue pointer is written and read atomically (release,
+// acquire), so the thread sanitizer sees the enqueuer's work happen before the worker's.
+class ArenaTask {
+public:
+    explicit ArenaTask(JobQueueObject* queue) { Set(queue); }
+    ArenaTask(const ArenaTask& other) { Set(other.Get()); }
+    ArenaTask& operator=(const ArenaTask&) = delete;
+    void operator()() const {
+        JobQueueObject& q = *Get();
+        RunOnePending(q);
+        q.arenaTasks.fetch_sub(1, std::memory_order_release);
+    }
+
+private:
+    JobQueueObject* Get() const {
+        return std::atomic_ref<JobQueueObject*>(_queue).load(std::memory_order_acquire);
+    }
+    void Set(JobQueueObject* queue) {
+        std::atomic_ref<JobQueueObject*>(_queue).store(queue, std::memory_order_release);
+    }
+    mutable JobQueueObject* _queue;  // only through `Get` and `Set`
+};
+
 Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
     if (!job) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Job missing");
     JOBSTATE expected = JOBSTATE::NEW;
@@ -290,15 +322,13 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
     }
     AddJobReference(job);  // the queue's, dropped when the job ends
     job->queue.store(&q, std::memory_order_relaxed);
+    TsanRelease(job);
     job->state.store(JOBSTATE::QUEUED, std::memory_order_release);
     try {
         AddJobReference(job);  // the pending entry's
         q.pending.push(job);
         q.arenaTasks.fetch_add(1, std::memory_order_relaxed);
-        q.arena.enqueue([&q] {
-            RunOnePending(q);
-            q.arenaTasks.fetch_sub(1, std::memory_order_release);
-        });
+        q.arena.enqueue(ArenaTask(&q));
     } catch (...) {
         // The job stays queued; a waiter runs it inline.
         return OutOfMemoryError();
@@ -312,8 +342,10 @@ Bool IsFinished(const JobObject* job) {
 
 Bool Wait(JobObject* job, Float64 timeoutSeconds) {
     if (!job) return true;
-    if (IsFinished(job)) return true;
-    if (TryRun(job)) return true;
+    if (IsFinished(job) || TryRun(job)) {
+        TsanAcquire(job);  // what the body did, on whichever thread
+        return true;
+    }
     using Clock = std::chrono::steady_clock;
     const bool unbounded = !(timeoutSeconds < 1e9);
     const Clock::time_point deadline =
@@ -329,6 +361,7 @@ Bool Wait(JobObject* job, Float64 timeoutSeconds) {
         Clock::time_point until = std::min(deadline, Clock::now() + std::chrono::milliseconds(2));
         job->finished.wait_until(lock, until, [job] { return IsFinished(job); });
     }
+    TsanAcquire(job);
     return true;
 }
 
