@@ -412,6 +412,10 @@ Int GetExclusiveWaiterCount() { return g_exclusiveWaiters.load(std::memory_order
 
 // ---- queues ---------------------------------------------------------------------------------
 
+// The private queues alive, for listing.
+std::mutex g_queuesMutex;
+std::vector<JobQueueObject*> g_queues;
+
 JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, const char* name,
                            const SourceLocation&) {
     const int threads = static_cast<int>(std::clamp<Int>(threadCount, 1, 256));
@@ -421,7 +425,10 @@ JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, con
     JobQueueObject* queue = nullptr;
     try {
         queue = new JobQueueObject(threads, priority, name ? name : "");
+        std::lock_guard<std::mutex> lock(g_queuesMutex);
+        g_queues.push_back(queue);
     } catch (...) {
+        delete queue;
         return nullptr;
     }
     ReserveWorkers(threads);
@@ -518,6 +525,10 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
 
 void FreeQueue(JobQueueObject* queue) {
     if (!queue || queue == &DefaultQueue()) return;
+    {
+        std::lock_guard<std::mutex> lock(g_queuesMutex);
+        g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
+    }
     CancelAndWaitQueue(queue);
     // Arena tasks whose job a waiter ran still hold the queue; let them return first.
     while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
@@ -557,6 +568,24 @@ const JobQueueInterface::Slots g_queueSlots{
 };
 
 }  // namespace
+
+std::vector<JobQueueListing> ListJobQueueEntries() {
+    std::vector<JobQueueListing> out;
+    auto add = [&out](JobQueueObject& q) {
+        JobQueueListing l{q.name, q.threadCount, 0, 0};
+        std::lock_guard<std::mutex> lock(q.mutex);
+        // A finished job stays live while its finished observers run: it counts as running.
+        for (const JobObject* j : q.live) {
+            const JOBSTATE s = j->state.load(std::memory_order_acquire);
+            ++(s == JOBSTATE::RUNNING || s == JOBSTATE::FINISHED ? l.running : l.queued);
+        }
+        out.push_back(std::move(l));
+    };
+    add(DefaultQueue());
+    std::lock_guard<std::mutex> lock(g_queuesMutex);
+    for (JobQueueObject* q : g_queues) add(*q);
+    return out;
+}
 
 Int JobSystemThreadCount() {
     const Int n = g_jobSystemThreads.load(std::memory_order_acquire);
