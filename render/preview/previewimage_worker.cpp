@@ -32,9 +32,9 @@ struct PreviewIterationJob {
         Result<void> r = self->provider.ComputeIteration(running.Get());
         if (r.IsError()) {
             Error e = r.GetError();
-            SystemInterface::CriticalOutput(e.Get() && e.Get()->message ? e.Get()->message
-                                                                        : "Preview iteration failed",
-                                            QUORV_SOURCE_LOCATION);
+            SystemInterface::CriticalOutput(
+                e.Get() && e.Get()->message ? e.Get()->message : "Preview iteration failed",
+                QUORV_SOURCE_LOCATION);
         }
         return r;
     }
@@ -64,8 +64,12 @@ struct PreviewIterationJob {
 };
 
 Result<Ref<PreviewImageTask>> PreviewImageTask::Create(
-    Int id, Int threadCount, const DataDictionaryObjectInterface::Ref& request, Int backgroundJobId) {
-    ResultCompleteFunc func = GetObjectValue(request, PREVIEW_RESULTCOMPLETEFUNC, ResultCompleteFunc());
+    Int id, Int threadCount, const DataDictionaryObjectInterface::Ref& request,
+    Int backgroundJobId) {
+    // A copy, not a move out of the request: the request keeps its delegate, so submitting the
+    // same request again works.
+    ResultCompleteFunc func =
+        GetObjectValue(request, PREVIEW_RESULTCOMPLETEFUNC, ResultCompleteFunc());
     if (func.IsEmpty()) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          "Illegal argument: Invalid ResultCompleteFunc()");
@@ -163,8 +167,8 @@ Result<void> PreviewImageTask::Start(JobQueueObject* queue) {
     JobRef job = JobRef::Adopt(raw);
     QUORV_RETURN_IF_ERROR(ThreadServicesInterface::AddCancelledObserver(
         raw, &PreviewIterationJob::OnCancelled, user));
-    QUORV_RETURN_IF_ERROR(ThreadServicesInterface::AddFinishedObserver(
-        raw, &PreviewIterationJob::OnFinished, user));
+    QUORV_RETURN_IF_ERROR(
+        ThreadServicesInterface::AddFinishedObserver(raw, &PreviewIterationJob::OnFinished, user));
     // The job goes into its slot before it is queued: a job that ends at once must find
     // itself there when its finished observer runs.
     ThreadServicesInterface::AddJobReference(raw);
@@ -224,7 +228,8 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
                 // Two calls: the error, then out of memory. Count -1 below then gives a
                 // negative progress, which the scheduler passes on as it is.
                 Fail(taken.GetError());
-                _completeFunc(Result<void>(OutOfMemoryError()), EmptyDictionary(), EmptyDictionary());
+                _completeFunc(Result<void>(OutOfMemoryError()), EmptyDictionary(),
+                              EmptyDictionary());
             } else {
                 output = std::move(taken.GetValue());
                 Result<void> jobResult = job.GetResult();
@@ -242,7 +247,8 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
                 }
                 end.hasMore = index + 1 < count;
             }
-            end.progress = static_cast<Float64>(_lastDeliveredIndex + 1) / static_cast<Float64>(count);
+            end.progress =
+                static_cast<Float64>(_lastDeliveredIndex + 1) / static_cast<Float64>(count);
         }
         job = JobRef();
     }
@@ -271,7 +277,8 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
                 outcome = OutOfMemoryError();
                 break;
             }
-            const PreviewImageProviderOutputImage* image = value.Get<PreviewImageProviderOutputImage>();
+            const PreviewImageProviderOutputImage* image =
+                value.Get<PreviewImageProviderOutputImage>();
             if (!image) {
                 outcome = MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                                     "Illegal argument: Invalid Sample Buffer");
@@ -285,9 +292,11 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
                 outcome = converted.GetError();
                 break;
             }
-            PreviewImageProviderOutputImage record{tw, th, std::move(converted.GetValue()), image->flag};
+            PreviewImageProviderOutputImage record{tw, th, std::move(converted.GetValue()),
+                                                   image->flag};
             Data entry = Data::Of(record);
-            outcome = entry.IsEmpty() ? Result<void>(OutOfMemoryError()) : images.SetData(key, entry);
+            outcome =
+                entry.IsEmpty() ? Result<void>(OutOfMemoryError()) : images.SetData(key, entry);
             DataDictionaryInterface::IteratorMoveToNext(&it);
         }
         DataDictionaryInterface::IteratorDestruct(&it);
@@ -315,21 +324,23 @@ Result<Ref<SampleBuffer>> ConvertSampleBuffer(const Ref<SampleBuffer>& source, I
     const PreviewSample* src = source->GetData();
     PreviewSample* dst = target.GetValue()->GetData();
     const Int granularity = ConversionGranularity(th, JobQueueInterface::GetThreadCount(nullptr));
-    QUORV_RETURN_IF_ERROR(ParallelFor(0, th, granularity, [&](Int from, Int to, Int) -> Result<void> {
-        for (Int y = from; y < to; ++y) {
-            const Int sy = static_cast<Int>(std::trunc(static_cast<Float64>(y) * static_cast<Float64>(sh) /
-                                                       static_cast<Float64>(th)));
-            const Int ty = flip ? th - 1 - y : y;
-            PreviewSample* row = dst + ty * tw;
-            const PreviewSample* srow = src + sy * sw;
-            for (Int x = 0; x < tw; ++x) {
-                const Int sx = static_cast<Int>(std::trunc(static_cast<Float64>(x) * static_cast<Float64>(sw) /
-                                                           static_cast<Float64>(tw)));
-                row[x] = srow[sx];
+    QUORV_RETURN_IF_ERROR(
+        ParallelFor(0, th, granularity, [&](Int from, Int to, Int) -> Result<void> {
+            for (Int y = from; y < to; ++y) {
+                const Int sy = static_cast<Int>(std::trunc(
+                    static_cast<Float64>(y) * static_cast<Float64>(sh) / static_cast<Float64>(th)));
+                const Int ty = flip ? th - 1 - y : y;
+                PreviewSample* row = dst + ty * tw;
+                const PreviewSample* srow = src + sy * sw;
+                for (Int x = 0; x < tw; ++x) {
+                    const Int sx = static_cast<Int>(
+                        std::trunc(static_cast<Float64>(x) * static_cast<Float64>(sw) /
+                                   static_cast<Float64>(tw)));
+                    row[x] = srow[sx];
+                }
             }
-        }
-        return OK;
-    }));
+            return OK;
+        }));
     return target;
 }
 
