@@ -227,7 +227,7 @@ struct Recorder {
     std::vector<Delivery> calls;
     std::atomic<int> inside{0};
     std::atomic<int> overlaps{0};
-    /// Called inside the delegate, after the call is recorded.
+    /// Called inside the delegate, before the call is recorded.
     std::function<void(const Delivery&)> onCall;
 
     ResultCompleteFunc Func() {
@@ -250,12 +250,11 @@ struct Recorder {
                    d.buffer = image.buffer;
                    d.thread = std::this_thread::get_id();
                    inside.fetch_sub(1);
-                   {
-                       std::lock_guard<std::mutex> l(m);
-                       calls.push_back(d);
-                       cv.notify_all();
-                   }
+                   // Before the call is recorded: a waiter that sees it may end the recorder.
                    if (onCall) onCall(d);
+                   std::lock_guard<std::mutex> l(m);
+                   calls.push_back(d);
+                   cv.notify_all();
                })
             .GetValue();
     }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "quorv/resource.h"
@@ -28,11 +29,16 @@ protected:
 };
 
 // Threads of the host's queue listing under the preview queue's name; -1 without one, -2 with
-// more than one.
+// more than one. A scheduler let go of may still be held by a finished observer for a moment:
+// its queue then goes a little later, so a second one is waited for.
 Int ListedPreviewQueueThreads() {
-    Int threads = -1;
-    for (const host::JobQueueListing& q : host::Host::Get().ListJobQueues()) {
-        if (q.name == PREVIEW_JOB_QUEUE_NAME) threads = threads == -1 ? q.threads : -2;
+    Int threads = -2;
+    for (int i = 0; i < 100000 && threads == -2; ++i) {
+        if (i > 0) std::this_thread::yield();
+        threads = -1;
+        for (const host::JobQueueListing& q : host::Host::Get().ListJobQueues()) {
+            if (q.name == PREVIEW_JOB_QUEUE_NAME) threads = threads == -1 ? q.threads : -2;
+        }
     }
     return threads;
 }

@@ -22,7 +22,6 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 #include "host_internal.h"
@@ -33,6 +32,37 @@ namespace quorv {
 
 // ENQUEUING is held while `Enqueue` attaches the job to its queue; nobody claims it then.
 enum class JOBSTATE : int { NEW = 0, QUEUED = 1, RUNNING = 2, FINISHED = 3, ENQUEUING = 4 };
+
+// Observers of one kind, in the order they were added: the first in place (a job mostly has one
+// of each kind, which then costs no allocation), the others in a vector.
+class ObserverList {
+public:
+    /// Throws `std::bad_alloc` when a second or later observer finds no memory.
+    void Add(JobObserver observer, void* user) {
+        if (!_first.first) {
+            _first = {observer, user};
+        } else {
+            _more.emplace_back(observer, user);
+        }
+    }
+    bool IsEmpty() const { return !_first.first; }
+    void Run(JobObject* job) const {
+        if (!_first.first) return;
+        _first.first(_first.second, job);
+        for (const auto& [observer, user] : _more) observer(user, job);
+    }
+    /// The observers, leaving this list empty.
+    ObserverList Take() {
+        ObserverList taken;
+        std::swap(taken._first, _first);
+        taken._more.swap(_more);
+        return taken;
+    }
+
+private:
+    std::pair<JobObserver, void*> _first{nullptr, nullptr};
+    std::vector<std::pair<JobObserver, void*>> _more;
+};
 
 struct alignas(16) JobObject {
     std::atomic<Int> references{1};
@@ -51,8 +81,11 @@ struct alignas(16) JobObject {
     std::mutex mutex;
     std::condition_variable finished;
     Result<void> result = OK;  // written before the state becomes FINISHED
-    std::vector<std::pair<JobObserver, void*>> cancelledObservers;
-    std::vector<std::pair<JobObserver, void*>> finishedObservers;
+    ObserverList cancelledObservers;
+    ObserverList finishedObservers;
+    // Neighbours in its queue's list of live jobs (under the queue's mutex).
+    JobObject* livePrevious = nullptr;
+    JobObject* liveNext = nullptr;
 };
 
 struct JobQueueObject {
@@ -68,7 +101,25 @@ struct JobQueueObject {
     tbb::concurrent_queue<JobObject*> pending;
     std::mutex mutex;
     std::condition_variable idle;
-    std::unordered_set<JobObject*> live;  // queued or running, each holding a reference
+    // Queued or running jobs, each holding a reference: a list through the jobs themselves, so
+    // that a job joins and leaves it without an allocation.
+    JobObject* live = nullptr;
+
+    void AddLive(JobObject* job) {
+        job->livePrevious = nullptr;
+        job->liveNext = live;
+        if (live) live->livePrevious = job;
+        live = job;
+    }
+    void RemoveLive(JobObject* job) {
+        if (job->livePrevious) {
+            job->livePrevious->liveNext = job->liveNext;
+        } else if (live == job) {
+            live = job->liveNext;
+        }
+        if (job->liveNext) job->liveNext->livePrevious = job->livePrevious;
+        job->livePrevious = job->liveNext = nullptr;
+    }
 };
 
 }  // namespace quorv
@@ -78,13 +129,17 @@ namespace quorv::host {
 namespace {
 
 thread_local JobObject* t_currentJob = nullptr;
-// Jobs whose cancelled observers run on this thread right now, innermost first (an observer
-// may cancel and wait for the queue of its own job).
-struct CancelFrame {
+// Jobs whose cancelled observers, and jobs whose finished observers, run on this thread right
+// now, innermost first: an observer may cancel and wait for the queue of its own job, which is
+// still live then.
+struct ObserverFrame {
     const JobObject* job;
-    const CancelFrame* outer;
+    const ObserverFrame* outer;
 };
-thread_local const CancelFrame* t_cancelFrames = nullptr;
+thread_local const ObserverFrame* t_cancelFrames = nullptr;
+thread_local const ObserverFrame* t_finishFrames = nullptr;
+// The queue whose arena task runs on this thread, if any.
+thread_local const JobQueueObject* t_arenaQueue = nullptr;
 std::atomic<Int> g_exclusiveWaiters{0};
 
 // ---- worker threads ---------------------------------------------------------------------------
@@ -176,21 +231,17 @@ JobObject* GetCurrentJob() { return t_currentJob; }
 
 Bool IsCurrentJobCancelled() { return IsCancelled(t_currentJob); }
 
-void RunObservers(const std::vector<std::pair<JobObserver, void*>>& observers, JobObject* job) {
-    for (const auto& [observer, user] : observers) observer(user, job);
-}
-
 void Cancel(JobObject* job) {
     if (!job || job->cancelled.exchange(true, std::memory_order_acq_rel)) return;
-    std::vector<std::pair<JobObserver, void*>> observers;
+    ObserverList observers;
     {
         std::lock_guard<std::mutex> lock(job->mutex);
-        observers.swap(job->cancelledObservers);
+        observers = job->cancelledObservers.Take();
     }
-    if (!observers.empty()) {
-        const CancelFrame frame{job, t_cancelFrames};
+    if (!observers.IsEmpty()) {
+        const ObserverFrame frame{job, t_cancelFrames};
         t_cancelFrames = &frame;
-        RunObservers(observers, job);
+        observers.Run(job);
         t_cancelFrames = frame.outer;
     }
     {
@@ -203,19 +254,24 @@ void Cancel(JobObject* job) {
 void Finish(JobObject* job, Result<void> result) {
     // What the body did happens before the waiters and the finished observers.
     TsanRelease(job);
-    std::vector<std::pair<JobObserver, void*>> observers;
+    ObserverList observers;
     {
         std::lock_guard<std::mutex> lock(job->mutex);
         job->result = std::move(result);
         job->state.store(JOBSTATE::FINISHED, std::memory_order_release);
-        observers.swap(job->finishedObservers);
+        observers = job->finishedObservers.Take();
     }
     job->finished.notify_all();
-    RunObservers(observers, job);
+    if (!observers.IsEmpty()) {
+        const ObserverFrame frame{job, t_finishFrames};
+        t_finishFrames = &frame;
+        observers.Run(job);
+        t_finishFrames = frame.outer;
+    }
     if (JobQueueObject* queue = job->queue.load(std::memory_order_acquire)) {
         {
             std::lock_guard<std::mutex> lock(queue->mutex);
-            queue->live.erase(job);
+            queue->RemoveLive(job);
         }
         // A waiter may wait for all jobs but those of its own thread: every end may be the last.
         queue->idle.notify_all();
@@ -290,7 +346,9 @@ public:
     ArenaTask& operator=(const ArenaTask&) = delete;
     void operator()() const {
         JobQueueObject& q = *Get();
+        const JobQueueObject* outer = std::exchange(t_arenaQueue, &q);
         RunOnePending(q);
+        t_arenaQueue = outer;
         q.arenaTasks.fetch_sub(1, std::memory_order_release);
     }
 
@@ -313,12 +371,9 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
                          "Job enqueued twice or already run");
     }
     JobQueueObject& q = queue ? *queue : DefaultQueue();
-    try {
+    {
         std::lock_guard<std::mutex> lock(q.mutex);
-        q.live.insert(job);
-    } catch (...) {
-        job->state.store(JOBSTATE::NEW, std::memory_order_release);
-        return OutOfMemoryError();
+        q.AddLive(job);
     }
     AddJobReference(job);  // the queue's, dropped when the job ends
     job->queue.store(&q, std::memory_order_relaxed);
@@ -384,8 +439,7 @@ Result<void> AddObserver(JobObject* job, JobObserver observer, void* user, bool 
                      : job->state.load(std::memory_order_acquire) == JOBSTATE::FINISHED;
         if (!happened) {
             try {
-                (onCancel ? job->cancelledObservers : job->finishedObservers)
-                    .emplace_back(observer, user);
+                (onCancel ? job->cancelledObservers : job->finishedObservers).Add(observer, user);
             } catch (...) {
                 return OutOfMemoryError();
             }
@@ -439,7 +493,7 @@ JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, con
 bool SnapshotLive(JobQueueObject& q, std::vector<JobObject*>& jobs) {
     std::lock_guard<std::mutex> lock(q.mutex);
     try {
-        jobs.assign(q.live.begin(), q.live.end());
+        for (JobObject* j = q.live; j; j = j->liveNext) jobs.push_back(j);
     } catch (...) {
         return false;
     }
@@ -462,7 +516,7 @@ void CancelQueue(JobQueueObject* queue) {
         JobObject* next = nullptr;
         {
             std::lock_guard<std::mutex> lock(q.mutex);
-            for (JobObject* j : q.live) {
+            for (JobObject* j = q.live; j; j = j->liveNext) {
                 if (!j->cancelled.load(std::memory_order_acquire)) {
                     next = j;
                     AddJobReference(j);
@@ -476,16 +530,20 @@ void CancelQueue(JobQueueObject* queue) {
     }
 }
 
-// True when `job` runs on the calling thread (its own job, or one a waiter of it ran inline).
+// True when `job` runs on the calling thread: its own job, one a waiter of it ran inline, or a
+// job whose finished observers this thread runs.
 bool RunsOnThisThread(const JobObject* job) {
     for (const JobObject* j = t_currentJob; j; j = j->outerOnThread) {
         if (j == job) return true;
+    }
+    for (const ObserverFrame* f = t_finishFrames; f; f = f->outer) {
+        if (f->job == job) return true;
     }
     return false;
 }
 
 bool CancelObserversRunHere(const JobObject* job) {
-    for (const CancelFrame* f = t_cancelFrames; f; f = f->outer) {
+    for (const ObserverFrame* f = t_cancelFrames; f; f = f->outer) {
         if (f->job == job) return true;
     }
     return false;
@@ -510,7 +568,7 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     // a job of this queue that cancels its own queue must not wait for itself. Jobs cancelled
     // before they started still pass through the arena (or this thread) to end.
     auto othersEnded = [&q] {
-        for (JobObject* j : q.live) {
+        for (const JobObject* j = q.live; j; j = j->liveNext) {
             if (!RunsOnThisThread(j)) return false;
         }
         return true;
@@ -523,6 +581,20 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     }
 }
 
+// The end of a free: once every arena task of the queue has returned, the arena and the queue go.
+void FinishFreeingQueue(JobQueueObject* queue) {
+    // Arena tasks whose job a waiter ran still hold the queue; let them return first.
+    while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
+    queue->arena.terminate();
+    ReleaseWorkers(queue->threadCount);
+    delete queue;
+}
+
+Result<void> FinishFreeingQueueJob(void* queue) {
+    FinishFreeingQueue(static_cast<JobQueueObject*>(queue));
+    return OK;
+}
+
 void FreeQueue(JobQueueObject* queue) {
     if (!queue || queue == &DefaultQueue()) return;
     {
@@ -530,11 +602,19 @@ void FreeQueue(JobQueueObject* queue) {
         g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
     }
     CancelAndWaitQueue(queue);
-    // Arena tasks whose job a waiter ran still hold the queue; let them return first.
-    while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
-    queue->arena.terminate();
-    ReleaseWorkers(queue->threadCount);
-    delete queue;
+    if (t_arenaQueue != queue) {
+        FinishFreeingQueue(queue);
+        return;
+    }
+    // Freed from inside one of its own jobs (its last holder let go of it there, in a finished
+    // observer say): the arena task running on this thread cannot be waited for here. A job of
+    // the job system's own queue waits for it and ends the free.
+    JobObject* job =
+        AllocJob(&FinishFreeingQueueJob, queue, nullptr, nullptr, QUORV_SOURCE_LOCATION);
+    if (!job || Enqueue(job, nullptr).IsError()) {
+        HostCriticalOutput("A job queue freed from its own job is left behind: out of memory");
+    }
+    RemoveJobReference(job);
 }
 
 Int GetThreadCount(const JobQueueObject* queue) {
@@ -575,7 +655,7 @@ std::vector<JobQueueListing> ListJobQueueEntries() {
         JobQueueListing l{q.name, q.threadCount, 0, 0};
         std::lock_guard<std::mutex> lock(q.mutex);
         // A finished job stays live while its finished observers run: it counts as running.
-        for (const JobObject* j : q.live) {
+        for (const JobObject* j = q.live; j; j = j->liveNext) {
             const JOBSTATE s = j->state.load(std::memory_order_acquire);
             ++(s == JOBSTATE::RUNNING || s == JOBSTATE::FINISHED ? l.running : l.queued);
         }
