@@ -142,13 +142,12 @@ void SchedulerOnIterationFinished(Int id, Bool hasMore, Bool paused, Float64 pro
 
 PreviewImageScheduler::~PreviewImageScheduler() {
     TaskMap tasks, retained;
-    IdSet runningNormal, runningHigh;
     {
         QueueLockHold lock(_queueLock);
         std::swap(tasks, _tasks);
         std::swap(retained, _retained);
-        std::swap(runningNormal, _runningNormal);
-        std::swap(runningHigh, _runningHigh);
+        _runningNormal = RunningIdSet();
+        _runningHigh = RunningIdSet();
         _queueNormal.Clear();
         _queueHigh.Clear();
     }
@@ -296,8 +295,8 @@ Int PreviewImageScheduler::PopQueue(TaskIdQueue& queue) {
     }
 }
 
-void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, IdSet& running) {
-    while (static_cast<Int>(running.size()) < _maxParallelTasks) {
+void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, RunningIdSet& running) {
+    while (running.GetCount() < _maxParallelTasks) {
         const Int id = PopQueue(queue);
         if (id == -1) break;
         auto it = _tasks.find(id);
@@ -311,11 +310,8 @@ void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, IdSet& running) {
                     : task->Start(_jobQueue.Get());
         // A failed start keeps its place in the running set: no job will end to free it.
         if (started.IsError() && task) task->Fail(started.GetError());
-        try {
-            running.insert(id);
-        } catch (const std::bad_alloc&) {
-            if (task) task->Fail(OutOfMemoryError());
-        }
+        // Full only with a limit above the set's room (the limit is at most eight).
+        if (!running.Insert(id) && task) task->Fail(OutOfMemoryError());
     }
 }
 
@@ -324,7 +320,7 @@ void PreviewImageScheduler::StartPass() {
     QueueLockHold lock(_queueLock);
     if (_stopped) return;
     StartFrom(_queueHigh, _runningHigh);
-    if (!_runningHigh.empty()) {
+    if (!_runningHigh.IsEmpty()) {
         for (Int id : _runningNormal) {
             auto it = _tasks.find(id);
             if (it != _tasks.end() && it->second) it->second->Pause();
@@ -353,8 +349,8 @@ void PreviewImageScheduler::OnIterationFinished(Int id, Bool hasMore, Bool pause
             releasedTask = std::move(it->second);
             _tasks.erase(it);
         }
-        const bool wasNormal = _runningNormal.erase(id) > 0;
-        const bool wasHigh = _runningHigh.erase(id) > 0;
+        const bool wasNormal = _runningNormal.Erase(id);
+        const bool wasHigh = _runningHigh.Erase(id);
         if (!wasNormal && !wasHigh && !paused) {
             SystemInterface::CriticalOutput(
                 FormatMessage("Unknown task under Id @", {std::to_string(id)}).c_str(),
@@ -443,8 +439,8 @@ PreviewImageScheduler::Snapshot PreviewImageScheduler::GetSnapshot() const {
         s.retained = static_cast<Int>(_retained.size());
         s.queuedNormal = _queueNormal.GetCount();
         s.queuedHigh = _queueHigh.GetCount();
-        s.runningNormal = static_cast<Int>(_runningNormal.size());
-        s.runningHigh = static_cast<Int>(_runningHigh.size());
+        s.runningNormal = _runningNormal.GetCount();
+        s.runningHigh = _runningHigh.GetCount();
         s.stopped = _stopped;
     }
     {

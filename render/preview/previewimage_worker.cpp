@@ -260,13 +260,41 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
     return end;
 }
 
+namespace {
+
+// Sets the first `count` entries of `source` into `target`, as they are.
+Result<void> CopyLeadingEntries(const DataDictionary& source, Int count, DataDictionary& target) {
+    Result<void> outcome = OK;
+    DataDictionaryIteratorState it;
+    DataDictionaryInterface::InitIterator(source.GetReadable(), &it);
+    for (Int i = 0; i < count && outcome.IsOk() && DataDictionaryInterface::IteratorHasValue(&it);
+         ++i) {
+        DataDictionaryKey key;
+        Data value;
+        outcome = DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value)
+                      ? target.SetData(key, value)
+                      : Result<void>(OutOfMemoryError());
+        DataDictionaryInterface::IteratorMoveToNext(&it);
+    }
+    DataDictionaryInterface::IteratorDestruct(&it);
+    return outcome;
+}
+
+}  // namespace
+
 void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
     DataDictionary metadata = output.metadata;
-    DataDictionary images;
     // The provider's own dictionary is never written: a shared or null one is copied first.
     Result<void> outcome = metadata.MakeWritable();
     if (outcome.IsOk()) outcome = metadata.Set(PREVIEW_ITERATIONINDEX, output.iterationIndex);
     if (outcome.IsOk()) outcome = metadata.Set(PREVIEW_ITERATIONCOUNT, output.iterationCount);
+    // An image that passes through (its own size, no flip) keeps the very record the provider
+    // made. While every image does, no new dictionary is built: the provider's is handed on,
+    // shared. The first image that needs a new record starts the new dictionary with the ones
+    // before it; a failure delivers the images done before it, as always.
+    DataDictionary images;
+    Int passed = 0;
+    bool building = false;
     if (outcome.IsOk() && output.images.GetCount() > 0) {
         DataDictionaryIteratorState it;
         DataDictionaryInterface::InitIterator(output.images.GetReadable(), &it);
@@ -286,6 +314,16 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
             }
             const Int tw = _upscaleProgression ? _targetSize.x : image->width;
             const Int th = _upscaleProgression ? _targetSize.y : image->height;
+            if (!building && tw == image->width && th == image->height && !_flipVertically) {
+                ++passed;
+                DataDictionaryInterface::IteratorMoveToNext(&it);
+                continue;
+            }
+            if (!building) {
+                building = true;
+                outcome = CopyLeadingEntries(output.images, passed, images);
+                if (outcome.IsError()) break;
+            }
             Result<Ref<SampleBuffer>> converted = ConvertSampleBuffer(
                 image->buffer, image->width, image->height, tw, th, _flipVertically);
             if (converted.IsError()) {
@@ -300,6 +338,13 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
             DataDictionaryInterface::IteratorMoveToNext(&it);
         }
         DataDictionaryInterface::IteratorDestruct(&it);
+        if (!building) {
+            if (outcome.IsOk()) {
+                images = output.images;
+            } else if (passed > 0) {
+                (void)CopyLeadingEntries(output.images, passed, images);
+            }
+        }
     }
     _completeFunc(outcome, metadata, images);
 }
