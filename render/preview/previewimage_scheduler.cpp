@@ -185,10 +185,11 @@ void PreviewImageScheduler::CloseProgressJob(Int job) {
     }
     if (!_activeEntry) return;
     if (job >= 0) (void)SetProgress(job, 1.0);
-    // Deliberately counted down for a task without a progress job too (node2d intent, or a job
-    // that could not be added), although it never counted up: its end can close the entry
-    // under a visible task, which then runs on unseen until the next visible submit opens a
-    // new entry. Below zero counts as reaching it.
+    // Deliberately counted down for id -1 too: a task without a progress job (node2d intent, or
+    // a job that could not be added) never counted up, and a visible task cancelled while its
+    // job ran is closed by the cancel and again, as -1, when that job ends (it is no longer in
+    // `tasks`). Either can close the entry under another visible task, which then runs on
+    // unseen until the next visible submit opens a new entry. Below zero counts as reaching it.
     if (--_activeJobCount <= 0) {
         _activeJobCount = 0;
         BackgroundProgressInterface::RemoveActiveEntry(BackgroundProgressInterface::GetMaster(),
