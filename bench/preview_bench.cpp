@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 const DictionaryKey<Int> WORK_KEY("net.quorv.bench.preview.work");         // inner loop length
 const DictionaryKey<Int> ITERATIONS_KEY("net.quorv.bench.preview.count");  // iterations
+const DictionaryKey<PreviewImageProviderOutputImage> BEAUTY_IMAGE("beauty");
 
 struct Timeline {
     std::vector<Clock::time_point> starts, ends;
@@ -71,8 +72,7 @@ struct BenchProvider {
         out.iterationIndex = computed - 1;
         out.iterationCount = count;
         QUORV_RETURN_IF_ERROR(
-            out.images.Set(DictionaryKey<PreviewImageProviderOutputImage>("beauty"),
-                           PreviewImageProviderOutputImage{64, 64, buffer, false}));
+            out.images.Set(BEAUTY_IMAGE, PreviewImageProviderOutputImage{64, 64, buffer, false}));
         return out;
     }
     Int work = 0, count = 1, computed = 0;

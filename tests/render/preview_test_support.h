@@ -83,6 +83,15 @@ struct Script {
     std::string name;
 };
 
+inline Script MakeScript(std::string name, std::vector<Step> steps,
+                         std::map<Int, Gate*> callGates = {}) {
+    Script s;
+    s.name = std::move(name);
+    s.steps = std::move(steps);
+    s.callGates = std::move(callGates);
+    return s;
+}
+
 /// The provider's log: "name:init:THREADS", "name:compute:N" (":cancelled" when its job was),
 /// "name:take:INDEX". N counts the computations whose job was not cancelled.
 inline std::mutex g_logMutex;
@@ -123,7 +132,12 @@ inline Int LogPosition(const std::string& line) {
     return -1;
 }
 
+// Keys chain themselves into the binary's key list when made: at namespace scope only, never
+// on a job thread.
 inline const DictionaryKey<Int> SCRIPT_KEY("net.quorv.test.preview.script");
+inline const DictionaryKey<PreviewImageProviderOutputImage> BEAUTY_IMAGE("beauty");
+inline const DictionaryKey<PreviewImageProviderOutputImage> SECOND_IMAGE("z");
+inline const DictionaryKey<Int> STEP_KEY("net.quorv.test.preview.step");
 
 inline Result<Ref<SampleBuffer>> NumberedBuffer(Int count, Int index) {
     Result<Ref<SampleBuffer>> b = SampleBuffer::Create(count);
@@ -183,18 +197,16 @@ struct TestProvider {
         out.iterationCount = s.count;
         Result<Ref<SampleBuffer>> b = NumberedBuffer(s.width * s.height, s.index);
         if (b.IsError()) return b.GetError();
-        QUORV_RETURN_IF_ERROR(
-            out.images.Set(DictionaryKey<PreviewImageProviderOutputImage>("beauty"),
-                           PreviewImageProviderOutputImage{s.width, s.height, b.GetValue(), true}));
+        QUORV_RETURN_IF_ERROR(out.images.Set(
+            BEAUTY_IMAGE, PreviewImageProviderOutputImage{s.width, s.height, b.GetValue(), true}));
         if (s.badSecondImage) {
             Result<Ref<SampleBuffer>> bad = NumberedBuffer(s.width * s.height - 1, s.index);
             if (bad.IsError()) return bad.GetError();
             QUORV_RETURN_IF_ERROR(out.images.Set(
-                DictionaryKey<PreviewImageProviderOutputImage>("z"),
+                SECOND_IMAGE,
                 PreviewImageProviderOutputImage{s.width, s.height, bad.GetValue(), true}));
         }
-        QUORV_RETURN_IF_ERROR(
-            out.metadata.Set(DictionaryKey<Int>("net.quorv.test.preview.step"), computed));
+        QUORV_RETURN_IF_ERROR(out.metadata.Set(STEP_KEY, computed));
         return out;
     }
     const Step& StepAt(Int i) const {
@@ -231,31 +243,31 @@ struct Recorder {
     std::function<void(const Delivery&)> onCall;
 
     ResultCompleteFunc Func() {
-        return ResultCompleteFunc::Create([this](Result<void> r, DataDictionary meta,
-                                                 DataDictionary images) {
-                   if (inside.fetch_add(1) != 0) ++overlaps;
-                   Delivery d;
-                   d.ok = r.IsOk();
-                   if (r.IsError()) {
-                       d.kind = r.GetErrorPointer()->kind;
-                       if (r.GetErrorPointer()->message) d.message = r.GetErrorPointer()->message;
-                   }
-                   d.index = meta.Get(PREVIEW_ITERATIONINDEX, Int(-100));
-                   d.count = meta.Get(PREVIEW_ITERATIONCOUNT, Int(-100));
-                   d.images = images.GetCount();
-                   auto image = images.Get(DictionaryKey<PreviewImageProviderOutputImage>("beauty"),
-                                           PreviewImageProviderOutputImage{});
-                   d.width = image.width;
-                   d.height = image.height;
-                   d.buffer = image.buffer;
-                   d.thread = std::this_thread::get_id();
-                   inside.fetch_sub(1);
-                   // Before the call is recorded: a waiter that sees it may end the recorder.
-                   if (onCall) onCall(d);
-                   std::lock_guard<std::mutex> l(m);
-                   calls.push_back(d);
-                   cv.notify_all();
-               })
+        return ResultCompleteFunc::Create(
+                   [this](Result<void> r, DataDictionary meta, DataDictionary images) {
+                       if (inside.fetch_add(1) != 0) ++overlaps;
+                       Delivery d;
+                       d.ok = r.IsOk();
+                       if (r.IsError()) {
+                           d.kind = r.GetErrorPointer()->kind;
+                           if (r.GetErrorPointer()->message)
+                               d.message = r.GetErrorPointer()->message;
+                       }
+                       d.index = meta.Get(PREVIEW_ITERATIONINDEX, Int(-100));
+                       d.count = meta.Get(PREVIEW_ITERATIONCOUNT, Int(-100));
+                       d.images = images.GetCount();
+                       auto image = images.Get(BEAUTY_IMAGE, PreviewImageProviderOutputImage{});
+                       d.width = image.width;
+                       d.height = image.height;
+                       d.buffer = image.buffer;
+                       d.thread = std::this_thread::get_id();
+                       inside.fetch_sub(1);
+                       // Before the call is recorded: a waiter that sees it may end the recorder.
+                       if (onCall) onCall(d);
+                       std::lock_guard<std::mutex> l(m);
+                       calls.push_back(d);
+                       cv.notify_all();
+                   })
             .GetValue();
     }
     std::vector<Delivery> WaitFor(size_t n) {

@@ -101,21 +101,12 @@ TEST_F(PreviewWideTest, HighTaskPausesTwoNormalOnesRequeuedInJobEndOrder) {
     Recorder rec1, rec2, rec3, recH;
     // Iteration 1 of N1 and N2 holds until the test lets it go, cancelled or not.
     Gate g1(true), g2(true), g1again, g2again, g3, gH;
-    Script n1;
-    n1.name = "N1";
-    n1.steps = {Step{0, 3}, Step{1, 3}, Step{2, 3}};
-    n1.callGates = {{1, &g1}, {2, &g1again}};
+    Script n1 = MakeScript("N1", {Step{0, 3}, Step{1, 3}, Step{2, 3}}, {{1, &g1}, {2, &g1again}});
     Script n2 = n1;
     n2.name = "N2";
     n2.callGates = {{1, &g2}, {2, &g2again}};
-    Script n3;
-    n3.name = "N3";
-    n3.steps = {Step{0, 1}};
-    n3.callGates = {{0, &g3}};
-    Script h;
-    h.name = "H";
-    h.steps = {Step{0, 1}};
-    h.callGates = {{0, &gH}};
+    Script n3 = MakeScript("N3", {Step{0, 1}}, {{0, &g3}});
+    Script h = MakeScript("H", {Step{0, 1}}, {{0, &gH}});
     Request r1 = ScriptedRequest(rec1, n1), r2 = ScriptedRequest(rec2, n2),
             r3 = ScriptedRequest(rec3, n3), rh = ScriptedRequest(recH, h);
     ASSERT_TRUE(SetObjectValue(rh.dict, PREVIEW_PURPOSE, UInt32(1)).IsOk());
@@ -194,10 +185,7 @@ TEST_F(PreviewWideTest, WithoutTheResourceStringTheEntryIsMadeUnnamed) {
     const Int entryIndex = BackgroundProgressInterface::GetEntryCount(master);
     Recorder rec;
     Gate gate;
-    Script s;
-    s.name = "unnamed";
-    s.steps = {Step{0, 2}, Step{1, 2}};
-    s.callGates = {{1, &gate}};
+    Script s = MakeScript("unnamed", {Step{0, 2}, Step{1, 2}}, {{1, &gate}});
     Request r = ScriptedRequest(rec, s);
     ASSERT_TRUE(r.request.Submit().IsOk());
     gate.AwaitWaiter();
