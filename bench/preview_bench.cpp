@@ -10,11 +10,12 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <limits>
 #include <mutex>
 #include <vector>
 
-#include "quorv/host/host.h"
 #include "previewproviders/previewproviders.h"
+#include "quorv/host/host.h"
 #include "quorv/parallel.h"
 #include "render/preview/previewimage_scheduler.h"
 
@@ -23,8 +24,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const DictionaryKey<Int> WORK_KEY("net.quorv.bench.preview.work");        // inner loop length
+const DictionaryKey<Int> WORK_KEY("net.quorv.bench.preview.work");         // inner loop length
 const DictionaryKey<Int> ITERATIONS_KEY("net.quorv.bench.preview.count");  // iterations
+const DictionaryKey<PreviewImageProviderOutputImage> BEAUTY_IMAGE("beauty");
 
 struct Timeline {
     std::vector<Clock::time_point> starts, ends;
@@ -56,7 +58,8 @@ struct BenchProvider {
         if (g_spinUntilCancelled.load()) {
             while (!ThreadServicesInterface::IsCancelled(job)) {
             }
-            if (auto* seen = g_timeline ? g_timeline->cancelSeen.load() : nullptr) *seen = Clock::now();
+            if (auto* seen = g_timeline ? g_timeline->cancelSeen.load() : nullptr)
+                *seen = Clock::now();
             return OK;  // a cancelled iteration adds nothing
         }
         g_sink += Work(work, computed);
@@ -68,8 +71,8 @@ struct BenchProvider {
         PreviewImageProviderOutput out;
         out.iterationIndex = computed - 1;
         out.iterationCount = count;
-        QUORV_RETURN_IF_ERROR(out.images.Set(DictionaryKey<PreviewImageProviderOutputImage>("beauty"),
-                                             PreviewImageProviderOutputImage{64, 64, buffer, false}));
+        QUORV_RETURN_IF_ERROR(
+            out.images.Set(BEAUTY_IMAGE, PreviewImageProviderOutputImage{64, 64, buffer, false}));
         return out;
     }
     Int work = 0, count = 1, computed = 0;
@@ -80,10 +83,15 @@ ModuleUnit g_unit(__FILE__);
 SimpleClass<BenchProvider, PreviewImageProviderInterface> g_provider(
     g_unit, "net.quorv.bench.previewprovider", PREVIEWIMAGEPROVIDER_REGISTRY_ID, __FILE__);
 
+// Deliveries counted by the delegate. The waiter is woken only once its count is reached: a
+// wake per delivery would put two context switches of the benchmark's own into every iteration
+// (the waiter's futex wake on the worker's path, its sleep again) and measure those, not the
+// scheduler.
 struct Done {
     std::mutex m;
     std::condition_variable cv;
-    Int calls = 0;
+    std::atomic<Int> calls{0};
+    std::atomic<Int> wanted{std::numeric_limits<Int>::max()};
 };
 
 struct BenchRequest {
@@ -94,16 +102,20 @@ struct BenchRequest {
 
 BenchRequest MakeRequest(Done& done, Int count, Int work, UInt32 purpose = 0) {
     BenchRequest r;
-    r.object = CreateObjectById(LiteralId(NODES_CLASS_REGISTRY_ID), LiteralId(PREVIEWIMAGEREQUEST_CLASS_ID)).GetValue();
+    r.object = CreateObjectById(LiteralId(NODES_CLASS_REGISTRY_ID),
+                                LiteralId(PREVIEWIMAGEREQUEST_CLASS_ID))
+                   .GetValue();
     r.dict = DataDictionaryObjectInterface::Ref::Cast(r.object).GetValue();
     r.request = PreviewImageRequestInterface::Ref::Cast(r.object).GetValue();
     auto func = ResultCompleteFunc::Create([&done](Result<void>, DataDictionary, DataDictionary) {
-                    std::lock_guard<std::mutex> l(done.m);
-                    ++done.calls;
-                    done.cv.notify_all();
+                    if (done.calls.fetch_add(1) + 1 >= done.wanted.load()) {
+                        std::lock_guard<std::mutex> l(done.m);
+                        done.cv.notify_all();
+                    }
                 }).GetValue();
-    const ClassObject* cls =
-        FindClass(LiteralId(PREVIEWIMAGEPROVIDER_REGISTRY_ID), LiteralId("net.quorv.bench.previewprovider")).GetValue();
+    const ClassObject* cls = FindClass(LiteralId(PREVIEWIMAGEPROVIDER_REGISTRY_ID),
+                                       LiteralId("net.quorv.bench.previewprovider"))
+                                 .GetValue();
     (void)SetObjectValue(r.dict, PREVIEW_RESULTCOMPLETEFUNC, func);
     (void)SetObjectValue(r.dict, PREVIEW_TEXTURESIZE, Vector2i64{64, 64});
     (void)SetObjectValue(r.dict, PREVIEW_PROVIDER, const_cast<ClassObject*>(cls));
@@ -115,13 +127,15 @@ BenchRequest MakeRequest(Done& done, Int count, Int work, UInt32 purpose = 0) {
 
 void WaitCalls(Done& done, Int n) {
     std::unique_lock<std::mutex> l(done.m);
-    done.cv.wait(l, [&] { return done.calls >= n; });
+    done.wanted.store(n);
+    done.cv.wait(l, [&] { return done.calls.load() >= n; });
 }
 
 double Percentile(std::vector<double> v, double p) {
     if (v.empty()) return 0;
     std::sort(v.begin(), v.end());
-    return v[static_cast<size_t>(std::min<double>(v.size() - 1, std::floor(p * (v.size() - 1) + 0.5)))];
+    return v[static_cast<size_t>(
+        std::min<double>(v.size() - 1, std::floor(p * (v.size() - 1) + 0.5)))];
 }
 
 // Job end to the next ComputeIteration of the same task, a no-op provider.
@@ -139,7 +153,8 @@ void BM_IterationTurnaround(benchmark::State& state) {
         WaitCalls(done, count);
         g_timeline = nullptr;
         for (size_t i = 0; i + 1 < t.starts.size(); ++i) {
-            gaps.push_back(std::chrono::duration<double, std::nano>(t.starts[i + 1] - t.ends[i]).count());
+            gaps.push_back(
+                std::chrono::duration<double, std::nano>(t.starts[i + 1] - t.ends[i]).count());
         }
     }
     state.counters["median_ns"] = Percentile(gaps, 0.5);
@@ -149,7 +164,8 @@ BENCHMARK(BM_IterationTurnaround)->Iterations(3)->Unit(benchmark::kMillisecond);
 
 // A provider's work through the scheduler against the same calls made in a loop.
 void BM_ScheduledWork(benchmark::State& state) {
-    const Int count = 200, work = 200000;  // some 0.1 ms an iteration
+    const Int count = 200,
+              work = 200000;  // some 0.22 ms an iteration on the benchmark page's machine
     for (auto _ : state) {
         Done done;
         BenchRequest r = MakeRequest(done, count, work);
@@ -183,7 +199,8 @@ void BM_SubmitToPause(benchmark::State& state) {
         (void)normal.request.Submit();
         while (true) {  // the normal job is running
             std::this_thread::yield();
-            if (PreviewImageScheduler::Get()->GetSnapshot().runningNormal == 1 && !t.starts.empty()) break;
+            if (PreviewImageScheduler::Get()->GetSnapshot().runningNormal == 1 && !t.starts.empty())
+                break;
         }
         BenchRequest high = MakeRequest(doneHigh, 1, 0, 1);
         const Clock::time_point before = Clock::now();

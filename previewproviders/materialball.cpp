@@ -200,6 +200,10 @@ struct BallProvider {
     }
 
     Result<void> ComputeIteration(JobObject* job) {
+        // A cancellation that lands after the last poll below ends the job as cancelled though
+        // the iteration was committed: the worker then takes no output. The committed iteration
+        // is handed over by the next job instead of being skipped.
+        if (untaken) return OK;
         const auto start = std::chrono::steady_clock::now();
         const Int index = nextIndex;
         if (index >= iterations) return OK;  // nothing more; TakeOutput repeats the last
@@ -264,6 +268,7 @@ struct BallProvider {
             nodes::PreviewImageProviderOutputImage{s.x, s.y, std::move(buffer.GetValue()), false};
         deliveredIndex = index;
         nextIndex = index + 1;
+        untaken = true;
         lastMs =
             std::chrono::duration<Float64, std::milli>(std::chrono::steady_clock::now() - start)
                 .count();
@@ -271,6 +276,7 @@ struct BallProvider {
     }
 
     Result<nodes::PreviewImageProviderOutput> TakeOutput() {
+        untaken = false;
         nodes::PreviewImageProviderOutput out;
         out.iterationIndex = deliveredIndex;
         out.iterationCount = iterations;
@@ -394,6 +400,7 @@ struct BallProvider {
     Int nextIndex = 0;
     Int deliveredIndex = -1;
     Int cancelledIterations = 0;
+    bool untaken = false;  // an iteration committed and not yet taken
     Float64 lastMs = 0.0;
     nodes::PreviewImageProviderOutputImage image;
 };

@@ -1,5 +1,9 @@
 // The provider module's registration unit: its module record and the registry its classes go
 // into. The render module defines the same registry; whichever loads first creates it.
+//
+// Load this module after the render module (its classes make the camera and BSDFs by id) and
+// unload it after: the render module's free step drains the preview queue, whose jobs run this
+// module's code. Unloaded first, a running iteration would lose its code under it.
 #include "previewproviders/previewproviders.h"
 #include "quorv/entity.h"
 

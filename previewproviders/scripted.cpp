@@ -112,6 +112,9 @@ struct ScriptedProvider {
     }
 
     Result<void> ComputeIteration(JobObject* job) {
+        // A step whose job was cancelled after the step was counted got no `TakeOutput`: this
+        // job hands it over instead of computing the next.
+        if (untaken) return OK;
         const Int begin = NowNs();
         auto cancelled = [job] { return job && ThreadServicesInterface::IsCancelled(job); };
         if (gate) {
@@ -137,6 +140,7 @@ struct ScriptedProvider {
         ++computations;
         if (wasCancelled) return OK;
         lastBegin = begin;
+        untaken = true;
         if (!failInTake && step == failStep) {
             return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
                              "Scripted failure in ComputeIteration");
@@ -145,6 +149,7 @@ struct ScriptedProvider {
     }
 
     Result<nodes::PreviewImageProviderOutput> TakeOutput() {
+        untaken = false;
         const Int step = computedSteps - 1;
         if (failInTake && step == failStep) {
             return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
@@ -187,6 +192,7 @@ struct ScriptedProvider {
     Int computedSteps = 0;
     Int computations = 0;
     Int lastBegin = 0;
+    bool untaken = false;  // a step counted and not yet taken
     std::string log;
 };
 

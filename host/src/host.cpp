@@ -10,8 +10,8 @@
 #include "datatype_service.h"
 #include "host_internal.h"
 #include "media/media_internal.h"
-#include "services_impl.h"
 #include "quorv/unittest.h"
+#include "services_impl.h"
 
 namespace quorv::host {
 
@@ -176,9 +176,12 @@ Result<void> AssignRow(const ConfigurationRow& row, std::string_view value) {
     };
     switch (row.type) {
         case CONFIGTYPE::BOOL:
-            if (v == "true" || v == "1") *static_cast<Bool*>(row.variable) = true;
-            else if (v == "false" || v == "0") *static_cast<Bool*>(row.variable) = false;
-            else return bad();
+            if (v == "true" || v == "1")
+                *static_cast<Bool*>(row.variable) = true;
+            else if (v == "false" || v == "0")
+                *static_cast<Bool*>(row.variable) = false;
+            else
+                return bad();
             return OK;
         case CONFIGTYPE::INT: {
             char* end = nullptr;
@@ -204,10 +207,14 @@ Result<void> AssignRow(const ConfigurationRow& row, std::string_view value) {
 
 std::string RowValue(const ConfigurationRow& row) {
     switch (row.type) {
-        case CONFIGTYPE::BOOL: return *static_cast<Bool*>(row.variable) ? "true" : "false";
-        case CONFIGTYPE::INT: return std::to_string(*static_cast<Int*>(row.variable));
-        case CONFIGTYPE::FLOAT: return std::to_string(*static_cast<Float64*>(row.variable));
-        case CONFIGTYPE::STRING: return static_cast<const char*>(row.variable);
+        case CONFIGTYPE::BOOL:
+            return *static_cast<Bool*>(row.variable) ? "true" : "false";
+        case CONFIGTYPE::INT:
+            return std::to_string(*static_cast<Int*>(row.variable));
+        case CONFIGTYPE::FLOAT:
+            return std::to_string(*static_cast<Float64*>(row.variable));
+        case CONFIGTYPE::STRING:
+            return static_cast<const char*>(row.variable);
     }
     return {};
 }
@@ -239,9 +246,9 @@ void ApplyPendingConfiguration(Host::State& state, LoadedModule& module) {
 
 Result<void> Host::SetConfiguration(std::string_view assignment) {
     if (assignment.find('=') == std::string_view::npos) {
-        return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                         FormatMessage("Configuration @ is not of the form name=value",
-                                       {assignment}));
+        return MakeError(
+            ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
+            FormatMessage("Configuration @ is not of the form name=value", {assignment}));
     }
     bool found = false;
     for (auto& m : _modules) QUORV_RETURN_IF_ERROR(ApplyConfiguration(*m, assignment, &found));
@@ -300,10 +307,13 @@ std::vector<ConfigurationListing> Host::ListConfiguration() const {
 
 std::vector<RegistryListing> Host::ListRegistries() const { return ListRegistryEntries(); }
 
+std::vector<JobQueueListing> Host::ListJobQueues() const { return ListJobQueueEntries(); }
+
 std::vector<DataTypeListing> Host::ListDataTypes() const {
     std::vector<DataTypeListing> out;
     for (const DataType* t : quorv::host::ListDataTypes()) {
-        out.push_back({std::string(t->id.View()), t->typeName ? t->typeName : "", t->size, t->kind});
+        out.push_back(
+            {std::string(t->id.View()), t->typeName ? t->typeName : "", t->size, t->kind});
     }
     return out;
 }

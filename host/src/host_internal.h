@@ -46,6 +46,8 @@ void RegisterJobService(Host& host);
 Int JobSystemThreadCount();
 /// Sets that width; called by `Host::Start` before anything uses the default queue or a loop.
 void SetJobSystemThreadCount(Int threadCount);
+/// The default queue, then every private queue alive: name, threads, jobs queued and running.
+std::vector<JobQueueListing> ListJobQueueEntries();
 void RegisterObservableService(Host& host);
 void RegisterConditionVariableService(Host& host);
 void RegisterProgressService(Host& host);

@@ -1,7 +1,5 @@
 // Parallel loops on oneTBB: dynamic partitions (auto partitioner over a blocked range with the
 // caller's grain size), the worker index from the task arena.
-#include <new>
-#include <stdexcept>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
@@ -9,6 +7,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 
 #include "host_internal.h"
 #include "quorv/parallel.h"
@@ -40,17 +40,22 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
     std::mutex errorMutex;
     Result<void> first = OK;
     std::atomic<bool> failed{false};
-    // The loop's join happens inside libtbb, where the thread sanitizer cannot see it; each
-    // partition's release on this counter and the acquire after the loop make the hand-back of
-    // the workers' writes (and reads) visible to it. One atomic add per partition.
+    // The loop's fork and join happen inside libtbb, where the thread sanitizer cannot see
+    // them: the caller's release on this counter and each partition's acquire make the caller's
+    // writes visible to the workers, each partition's release and the acquire after the loop the
+    // hand-back of the workers' writes (and reads). One atomic add per partition.
     std::atomic<Int> partitionsDone{0};
+    partitionsDone.store(0, std::memory_order_release);
     try {
         tbb::task_group_context context;
         const Int workers = GetWorkerCount();
         LoopArena().execute([&] {
+            // The arena may hand this to a worker when its caller slot is taken.
+            (void)partitionsDone.load(std::memory_order_acquire);
             tbb::parallel_for(
                 tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
                 [&](const tbb::blocked_range<Int>& r) {
+                    (void)partitionsDone.load(std::memory_order_acquire);
                     if (failed.load(std::memory_order_relaxed)) return;
                     Int worker = GetCurrentWorkerThreadIndex();
                     if (worker < 0 || worker >= workers) worker = 0;
@@ -72,7 +77,8 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
     } catch (const std::exception& e) {
         return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, e.what());
     } catch (...) {
-        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION, "Unexpected failure in a parallel loop");
+        return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION,
+                         "Unexpected failure in a parallel loop");
     }
     return first;
 }

@@ -22,18 +22,19 @@ Bool g_useonethreadtorenderpreview = false;
 
 namespace {
 
-const bool g_configured = (AddConfigurationVariable(
-                               "g_useonethreadtorenderpreview", &g_useonethreadtorenderpreview,
-                               "Set to true if only 1 thread should be used for the preview rendering.",
-                               CONFIGTYPE::BOOL, "false"),
-                           true);
+const bool g_configured =
+    (AddConfigurationVariable(
+         "g_useonethreadtorenderpreview", &g_useonethreadtorenderpreview,
+         "Set to true if only 1 thread should be used for the preview rendering.", CONFIGTYPE::BOOL,
+         "false"),
+     true);
 
 LockedRefWord<PreviewImageScheduler>& ProcessScheduler() {
     // Never destroyed: submissions may be dropped while statics are destroyed. Static storage
     // rather than the heap, so that a module unloaded before the process ends leaves no block
     // behind.
-    alignas(LockedRefWord<PreviewImageScheduler>) static unsigned char storage[sizeof(
-        LockedRefWord<PreviewImageScheduler>)];
+    alignas(LockedRefWord<PreviewImageScheduler>) static unsigned char
+        storage[sizeof(LockedRefWord<PreviewImageScheduler>)];
     static auto* word = new (storage) LockedRefWord<PreviewImageScheduler>();
     return *word;
 }
@@ -63,7 +64,8 @@ private:
 };
 
 bool RefuseReentry(const char* where) {
-    if (g_queueLockOwner.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
+    if (g_queueLockOwner.load(std::memory_order_relaxed) != std::this_thread::get_id())
+        return false;
     SystemInterface::CriticalOutput(
         FormatMessage("Preview scheduler re-entered under its queue lock in @", {where}).c_str(),
         QUORV_SOURCE_LOCATION);
@@ -81,8 +83,8 @@ PreviewImageSubmission::~PreviewImageSubmission() {
 bool TaskIdQueue::Push(Int id) {
     if (_count == _capacity) {
         const Int capacity = _capacity == 0 ? 4 : _capacity * 2;
-        auto* slots = static_cast<Int*>(
-            SystemInterface::Alloc(capacity * static_cast<Int>(sizeof(Int)), QUORV_SOURCE_LOCATION));
+        auto* slots = static_cast<Int*>(SystemInterface::Alloc(
+            capacity * static_cast<Int>(sizeof(Int)), QUORV_SOURCE_LOCATION));
         if (!slots) return false;
         for (Int i = 0; i < _count; ++i) slots[i] = _slots[(_head + i) % _capacity];
         SystemInterface::Free(_slots);
@@ -116,8 +118,8 @@ PreviewBudget ComputePreviewBudget(Int threads, Bool oneThread) {
 Ref<PreviewImageScheduler> PreviewImageScheduler::Get() { return ProcessScheduler().Get(); }
 
 Result<void> PreviewImageScheduler::StartProcessScheduler() {
-    const PreviewBudget budget =
-        ComputePreviewBudget(JobQueueInterface::GetThreadCount(nullptr), g_useonethreadtorenderpreview);
+    const PreviewBudget budget = ComputePreviewBudget(JobQueueInterface::GetThreadCount(nullptr),
+                                                      g_useonethreadtorenderpreview);
     Result<JobQueueRef> queue = JobQueueRef::Create(JOBQUEUETYPE::LOWESTPRIORITY, budget.threads,
                                                     JOBQUEUEMODE::DEFAULT, PREVIEW_JOB_QUEUE_NAME);
     if (queue.IsError()) return queue.GetError();
@@ -140,13 +142,12 @@ void SchedulerOnIterationFinished(Int id, Bool hasMore, Bool paused, Float64 pro
 
 PreviewImageScheduler::~PreviewImageScheduler() {
     TaskMap tasks, retained;
-    IdSet runningNormal, runningHigh;
     {
         QueueLockHold lock(_queueLock);
         std::swap(tasks, _tasks);
         std::swap(retained, _retained);
-        std::swap(runningNormal, _runningNormal);
-        std::swap(runningHigh, _runningHigh);
+        _runningNormal = RunningIdSet();
+        _runningHigh = RunningIdSet();
         _queueNormal.Clear();
         _queueHigh.Clear();
     }
@@ -177,16 +178,18 @@ Result<void> PreviewImageScheduler::SetProgress(Int job, Float64 value) {
 
 void PreviewImageScheduler::CloseProgressJob(Int job) {
     if (!_progressLock.IsLocked()) {
-        SystemInterface::CriticalOutput("Progress bar must be locked since we might modify progress ref!",
-                                        QUORV_SOURCE_LOCATION);
+        SystemInterface::CriticalOutput(
+            "Progress bar must be locked since we might modify progress ref!",
+            QUORV_SOURCE_LOCATION);
         return;
     }
     if (!_activeEntry) return;
-    // A task without a progress job (node2d intent, or a job that could not be added) never
-    // counted in `activeJobCount`, so it takes nothing from it: it neither opens nor keeps
-    // the entry, and cannot close it under a visible task.
-    if (job < 0) return;
-    (void)SetProgress(job, 1.0);
+    if (job >= 0) (void)SetProgress(job, 1.0);
+    // Deliberately counted down for id -1 too: a task without a progress job (node2d intent, or
+    // a job that could not be added) never counted up, and a visible task cancelled while its
+    // job ran is closed by the cancel and again, as -1, when that job ends (it is no longer in
+    // `tasks`). Either can close the entry under another visible task, which then runs on
+    // unseen until the next visible submit opens a new entry. Below zero counts as reaching it.
     if (--_activeJobCount <= 0) {
         _activeJobCount = 0;
         BackgroundProgressInterface::RemoveActiveEntry(BackgroundProgressInterface::GetMaster(),
@@ -208,26 +211,30 @@ Result<Ref<PreviewImageSubmission>> PreviewImageScheduler::Submit(
     if (!(intent == Id::Intern(PREVIEW_INTENT_NODE2D))) {
         ScopedSpinLock lock(_progressLock);
         if (!_activeEntry) {
-            // No entry when the name or the entry cannot be had: the preview runs unseen.
+            // The name is a text of the application's resources, not of this module: without
+            // it the entry is made under an empty name. No entry when the entry itself cannot
+            // be had: the preview then runs unseen.
             Result<std::string> name = ResourceInterface::LoadResourceString(
                 "net.quorv.exchange.globalstrings", "net.quorv.exchange.globalstrings.baking");
-            if (name.IsOk()) {
-                BackgroundMasterObject* master = BackgroundProgressInterface::GetMaster();
-                Result<BackgroundEntryObject*> entry =
-                    master ? BackgroundProgressInterface::AddActiveEntry(master, name.GetValue().c_str(), 0)
-                           : Result<BackgroundEntryObject*>(MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION));
-                if (entry.IsOk() && entry.GetValue()) {
-                    _activeEntry = entry.GetValue();
-                    _activeJobCount = 0;
-                }
+            BackgroundMasterObject* master = BackgroundProgressInterface::GetMaster();
+            Result<BackgroundEntryObject*> entry =
+                master ? BackgroundProgressInterface::AddActiveEntry(
+                             master, name.IsOk() ? name.GetValue().c_str() : "", 0)
+                       : Result<BackgroundEntryObject*>(
+                             MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION));
+            if (entry.IsOk() && entry.GetValue()) {
+                _activeEntry = entry.GetValue();
+                _activeJobCount = 0;
             }
         }
         if (_activeEntry) {
             const Vector2i64 size = GetObjectValue(request, PREVIEW_TEXTURESIZE, Vector2i64{1, 1});
             const IdArray textures = GetObjectValue(request, PREVIEW_TEXTUREIDS, IdArray());
-            const Float64 weight = static_cast<Float64>(size.x) * static_cast<Float64>(size.y) *
-                                   static_cast<Float64>(std::max<Int>(static_cast<Int>(textures.size()), 1));
-            Result<Int> job = ProgressInterface::AddProgressJob(_activeEntry, weight, "Render Preview");
+            const Float64 weight =
+                static_cast<Float64>(size.x) * static_cast<Float64>(size.y) *
+                static_cast<Float64>(std::max<Int>(static_cast<Int>(textures.size()), 1));
+            Result<Int> job =
+                ProgressInterface::AddProgressJob(_activeEntry, weight, "Render Preview");
             if (job.IsOk()) {
                 backgroundJob = job.GetValue();
                 ++_activeJobCount;
@@ -239,7 +246,8 @@ Result<Ref<PreviewImageSubmission>> PreviewImageScheduler::Submit(
 
     const Int id = _nextTaskId.fetch_add(1, std::memory_order_relaxed);
     const Int threadCount = g_useonethreadtorenderpreview ? 1 : _jobQueue.GetThreadCount();
-    Result<Ref<PreviewImageTask>> made = PreviewImageTask::Create(id, threadCount, request, backgroundJob);
+    Result<Ref<PreviewImageTask>> made =
+        PreviewImageTask::Create(id, threadCount, request, backgroundJob);
     if (made.IsError()) {
         ScopedSpinLock lock(_progressLock);
         CloseProgressJob(backgroundJob);
@@ -288,8 +296,8 @@ Int PreviewImageScheduler::PopQueue(TaskIdQueue& queue) {
     }
 }
 
-void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, IdSet& running) {
-    while (static_cast<Int>(running.size()) < _maxParallelTasks) {
+void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, RunningIdSet& running) {
+    while (running.GetCount() < _maxParallelTasks) {
         const Int id = PopQueue(queue);
         if (id == -1) break;
         auto it = _tasks.find(id);
@@ -298,16 +306,13 @@ void PreviewImageScheduler::StartFrom(TaskIdQueue& queue, IdSet& running) {
             it == _tasks.end()
                 ? Result<void>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
                                          "Illegal state: Invalid task Id"))
-                : !task ? Result<void>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
-                                                 "Illegal state: Invalid task"))
-                        : task->Start(_jobQueue.Get());
+            : !task ? Result<void>(MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION,
+                                             "Illegal state: Invalid task"))
+                    : task->Start(_jobQueue.Get());
         // A failed start keeps its place in the running set: no job will end to free it.
         if (started.IsError() && task) task->Fail(started.GetError());
-        try {
-            running.insert(id);
-        } catch (const std::bad_alloc&) {
-            if (task) task->Fail(OutOfMemoryError());
-        }
+        // Full only with a limit above the set's room (the limit is at most eight).
+        if (!running.Insert(id) && task) task->Fail(OutOfMemoryError());
     }
 }
 
@@ -316,7 +321,7 @@ void PreviewImageScheduler::StartPass() {
     QueueLockHold lock(_queueLock);
     if (_stopped) return;
     StartFrom(_queueHigh, _runningHigh);
-    if (!_runningHigh.empty()) {
+    if (!_runningHigh.IsEmpty()) {
         for (Int id : _runningNormal) {
             auto it = _tasks.find(id);
             if (it != _tasks.end() && it->second) it->second->Pause();
@@ -328,7 +333,8 @@ void PreviewImageScheduler::StartPass() {
 
 // ---- the end of an iteration, cancellation ---------------------------------------------------
 
-void PreviewImageScheduler::OnIterationFinished(Int id, Bool hasMore, Bool paused, Float64 progress) {
+void PreviewImageScheduler::OnIterationFinished(Int id, Bool hasMore, Bool paused,
+                                                Float64 progress) {
     if (RefuseReentry("OnIterationFinished")) return;
     Int backgroundJob = -1;
     Ref<PreviewImageTask> releasedTask, releasedRetained;  // dropped after the lock
@@ -344,8 +350,8 @@ void PreviewImageScheduler::OnIterationFinished(Int id, Bool hasMore, Bool pause
             releasedTask = std::move(it->second);
             _tasks.erase(it);
         }
-        const bool wasNormal = _runningNormal.erase(id) > 0;
-        const bool wasHigh = _runningHigh.erase(id) > 0;
+        const bool wasNormal = _runningNormal.Erase(id);
+        const bool wasHigh = _runningHigh.Erase(id);
         if (!wasNormal && !wasHigh && !paused) {
             SystemInterface::CriticalOutput(
                 FormatMessage("Unknown task under Id @", {std::to_string(id)}).c_str(),
@@ -434,8 +440,8 @@ PreviewImageScheduler::Snapshot PreviewImageScheduler::GetSnapshot() const {
         s.retained = static_cast<Int>(_retained.size());
         s.queuedNormal = _queueNormal.GetCount();
         s.queuedHigh = _queueHigh.GetCount();
-        s.runningNormal = static_cast<Int>(_runningNormal.size());
-        s.runningHigh = static_cast<Int>(_runningHigh.size());
+        s.runningNormal = _runningNormal.GetCount();
+        s.runningHigh = _runningHigh.GetCount();
         s.stopped = _stopped;
     }
     {

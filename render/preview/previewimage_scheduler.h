@@ -5,7 +5,6 @@
 
 #include <deque>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "quorv/lockedref.h"
 #include "quorv/progress.h"
@@ -49,11 +48,49 @@ private:
     Int _count = 0;
 };
 
+/// The ids of the iterations running on one level. There are at most eight (the largest
+/// parallel limit), kept in place: starting and ending an iteration allocates nothing here.
+class RunningIdSet {
+public:
+    static constexpr Int CAPACITY = 8;
+    /// False when the set is full and `id` is not in it.
+    bool Insert(Int id) {
+        if (Contains(id)) return true;
+        if (_count == CAPACITY) return false;
+        _ids[_count++] = id;
+        return true;
+    }
+    /// True when `id` was in the set.
+    bool Erase(Int id) {
+        for (Int i = 0; i < _count; ++i) {
+            if (_ids[i] == id) {
+                _ids[i] = _ids[--_count];
+                return true;
+            }
+        }
+        return false;
+    }
+    bool Contains(Int id) const {
+        for (Int i = 0; i < _count; ++i) {
+            if (_ids[i] == id) return true;
+        }
+        return false;
+    }
+    Int GetCount() const { return _count; }
+    bool IsEmpty() const { return _count == 0; }
+    const Int* begin() const { return _ids; }
+    const Int* end() const { return _ids + _count; }
+
+private:
+    Int _ids[CAPACITY] = {};
+    Int _count = 0;
+};
+
 class PreviewImageScheduler {
 public:
-    using TaskMap = std::unordered_map<Int, Ref<PreviewImageTask>, std::hash<Int>, std::equal_to<Int>,
-                                       SystemAllocator<std::pair<const Int, Ref<PreviewImageTask>>>>;
-    using IdSet = std::unordered_set<Int, std::hash<Int>, std::equal_to<Int>, SystemAllocator<Int>>;
+    using TaskMap =
+        std::unordered_map<Int, Ref<PreviewImageTask>, std::hash<Int>, std::equal_to<Int>,
+                           SystemAllocator<std::pair<const Int, Ref<PreviewImageTask>>>>;
 
     /// The process's scheduler, with a new reference, or null.
     static Ref<PreviewImageScheduler> Get();
@@ -88,7 +125,7 @@ public:
 private:
     Int PopQueue(TaskIdQueue& queue);
     void StartPass();
-    void StartFrom(TaskIdQueue& queue, IdSet& running);
+    void StartFrom(TaskIdQueue& queue, RunningIdSet& running);
     // Progress calls: `_progressLock` must be held.
     Result<void> SetProgress(Int job, Float64 value);
     void CloseProgressJob(Int job);
@@ -97,8 +134,8 @@ private:
     std::atomic<Int> _nextTaskId{0};
     mutable SpinLock _queueLock;
     SpinLock _progressLock;
-    IdSet _runningNormal;
-    IdSet _runningHigh;
+    RunningIdSet _runningNormal;
+    RunningIdSet _runningHigh;
     TaskMap _tasks;
     TaskMap _retained;
     TaskIdQueue _queueNormal;

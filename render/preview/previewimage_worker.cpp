@@ -32,9 +32,9 @@ struct PreviewIterationJob {
         Result<void> r = self->provider.ComputeIteration(running.Get());
         if (r.IsError()) {
             Error e = r.GetError();
-            SystemInterface::CriticalOutput(e.Get() && e.Get()->message ? e.Get()->message
-                                                                        : "Preview iteration failed",
-                                            QUORV_SOURCE_LOCATION);
+            SystemInterface::CriticalOutput(
+                e.Get() && e.Get()->message ? e.Get()->message : "Preview iteration failed",
+                QUORV_SOURCE_LOCATION);
         }
         return r;
     }
@@ -64,8 +64,12 @@ struct PreviewIterationJob {
 };
 
 Result<Ref<PreviewImageTask>> PreviewImageTask::Create(
-    Int id, Int threadCount, const DataDictionaryObjectInterface::Ref& request, Int backgroundJobId) {
-    ResultCompleteFunc func = GetObjectValue(request, PREVIEW_RESULTCOMPLETEFUNC, ResultCompleteFunc());
+    Int id, Int threadCount, const DataDictionaryObjectInterface::Ref& request,
+    Int backgroundJobId) {
+    // A copy, not a move out of the request: the request keeps its delegate, so submitting the
+    // same request again works.
+    ResultCompleteFunc func =
+        GetObjectValue(request, PREVIEW_RESULTCOMPLETEFUNC, ResultCompleteFunc());
     if (func.IsEmpty()) {
         return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                          "Illegal argument: Invalid ResultCompleteFunc()");
@@ -163,8 +167,8 @@ Result<void> PreviewImageTask::Start(JobQueueObject* queue) {
     JobRef job = JobRef::Adopt(raw);
     QUORV_RETURN_IF_ERROR(ThreadServicesInterface::AddCancelledObserver(
         raw, &PreviewIterationJob::OnCancelled, user));
-    QUORV_RETURN_IF_ERROR(ThreadServicesInterface::AddFinishedObserver(
-        raw, &PreviewIterationJob::OnFinished, user));
+    QUORV_RETURN_IF_ERROR(
+        ThreadServicesInterface::AddFinishedObserver(raw, &PreviewIterationJob::OnFinished, user));
     // The job goes into its slot before it is queued: a job that ends at once must find
     // itself there when its finished observer runs.
     ThreadServicesInterface::AddJobReference(raw);
@@ -224,7 +228,8 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
                 // Two calls: the error, then out of memory. Count -1 below then gives a
                 // negative progress, which the scheduler passes on as it is.
                 Fail(taken.GetError());
-                _completeFunc(Result<void>(OutOfMemoryError()), EmptyDictionary(), EmptyDictionary());
+                _completeFunc(Result<void>(OutOfMemoryError()), EmptyDictionary(),
+                              EmptyDictionary());
             } else {
                 output = std::move(taken.GetValue());
                 Result<void> jobResult = job.GetResult();
@@ -242,7 +247,8 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
                 }
                 end.hasMore = index + 1 < count;
             }
-            end.progress = static_cast<Float64>(_lastDeliveredIndex + 1) / static_cast<Float64>(count);
+            end.progress =
+                static_cast<Float64>(_lastDeliveredIndex + 1) / static_cast<Float64>(count);
         }
         job = JobRef();
     }
@@ -254,13 +260,41 @@ PreviewImageTask::JobEnd PreviewImageTask::OnJobEnded() {
     return end;
 }
 
+namespace {
+
+// Sets the first `count` entries of `source` into `target`, as they are.
+Result<void> CopyLeadingEntries(const DataDictionary& source, Int count, DataDictionary& target) {
+    Result<void> outcome = OK;
+    DataDictionaryIteratorState it;
+    DataDictionaryInterface::InitIterator(source.GetReadable(), &it);
+    for (Int i = 0; i < count && outcome.IsOk() && DataDictionaryInterface::IteratorHasValue(&it);
+         ++i) {
+        DataDictionaryKey key;
+        Data value;
+        outcome = DataDictionaryInterface::IteratorGetKeyAndData(&it, &key, &value)
+                      ? target.SetData(key, value)
+                      : Result<void>(OutOfMemoryError());
+        DataDictionaryInterface::IteratorMoveToNext(&it);
+    }
+    DataDictionaryInterface::IteratorDestruct(&it);
+    return outcome;
+}
+
+}  // namespace
+
 void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
     DataDictionary metadata = output.metadata;
-    DataDictionary images;
     // The provider's own dictionary is never written: a shared or null one is copied first.
     Result<void> outcome = metadata.MakeWritable();
     if (outcome.IsOk()) outcome = metadata.Set(PREVIEW_ITERATIONINDEX, output.iterationIndex);
     if (outcome.IsOk()) outcome = metadata.Set(PREVIEW_ITERATIONCOUNT, output.iterationCount);
+    // An image that passes through (its own size, no flip) keeps the very record the provider
+    // made. While every image does, no new dictionary is built: the provider's is handed on,
+    // shared. The first image that needs a new record starts the new dictionary with the ones
+    // before it; a failure delivers the images done before it, as always.
+    DataDictionary images;
+    Int passed = 0;
+    bool building = false;
     if (outcome.IsOk() && output.images.GetCount() > 0) {
         DataDictionaryIteratorState it;
         DataDictionaryInterface::InitIterator(output.images.GetReadable(), &it);
@@ -271,7 +305,8 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
                 outcome = OutOfMemoryError();
                 break;
             }
-            const PreviewImageProviderOutputImage* image = value.Get<PreviewImageProviderOutputImage>();
+            const PreviewImageProviderOutputImage* image =
+                value.Get<PreviewImageProviderOutputImage>();
             if (!image) {
                 outcome = MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                                     "Illegal argument: Invalid Sample Buffer");
@@ -279,18 +314,37 @@ void PreviewImageTask::Deliver(const PreviewImageProviderOutput& output) {
             }
             const Int tw = _upscaleProgression ? _targetSize.x : image->width;
             const Int th = _upscaleProgression ? _targetSize.y : image->height;
+            if (!building && tw == image->width && th == image->height && !_flipVertically) {
+                ++passed;
+                DataDictionaryInterface::IteratorMoveToNext(&it);
+                continue;
+            }
+            if (!building) {
+                building = true;
+                outcome = CopyLeadingEntries(output.images, passed, images);
+                if (outcome.IsError()) break;
+            }
             Result<Ref<SampleBuffer>> converted = ConvertSampleBuffer(
                 image->buffer, image->width, image->height, tw, th, _flipVertically);
             if (converted.IsError()) {
                 outcome = converted.GetError();
                 break;
             }
-            PreviewImageProviderOutputImage record{tw, th, std::move(converted.GetValue()), image->flag};
+            PreviewImageProviderOutputImage record{tw, th, std::move(converted.GetValue()),
+                                                   image->flag};
             Data entry = Data::Of(record);
-            outcome = entry.IsEmpty() ? Result<void>(OutOfMemoryError()) : images.SetData(key, entry);
+            outcome =
+                entry.IsEmpty() ? Result<void>(OutOfMemoryError()) : images.SetData(key, entry);
             DataDictionaryInterface::IteratorMoveToNext(&it);
         }
         DataDictionaryInterface::IteratorDestruct(&it);
+        if (!building) {
+            if (outcome.IsOk()) {
+                images = output.images;
+            } else if (passed > 0) {
+                (void)CopyLeadingEntries(output.images, passed, images);
+            }
+        }
     }
     _completeFunc(outcome, metadata, images);
 }
@@ -315,21 +369,23 @@ Result<Ref<SampleBuffer>> ConvertSampleBuffer(const Ref<SampleBuffer>& source, I
     const PreviewSample* src = source->GetData();
     PreviewSample* dst = target.GetValue()->GetData();
     const Int granularity = ConversionGranularity(th, JobQueueInterface::GetThreadCount(nullptr));
-    QUORV_RETURN_IF_ERROR(ParallelFor(0, th, granularity, [&](Int from, Int to, Int) -> Result<void> {
-        for (Int y = from; y < to; ++y) {
-            const Int sy = static_cast<Int>(std::trunc(static_cast<Float64>(y) * static_cast<Float64>(sh) /
-                                                       static_cast<Float64>(th)));
-            const Int ty = flip ? th - 1 - y : y;
-            PreviewSample* row = dst + ty * tw;
-            const PreviewSample* srow = src + sy * sw;
-            for (Int x = 0; x < tw; ++x) {
-                const Int sx = static_cast<Int>(std::trunc(static_cast<Float64>(x) * static_cast<Float64>(sw) /
-                                                           static_cast<Float64>(tw)));
-                row[x] = srow[sx];
+    QUORV_RETURN_IF_ERROR(
+        ParallelFor(0, th, granularity, [&](Int from, Int to, Int) -> Result<void> {
+            for (Int y = from; y < to; ++y) {
+                const Int sy = static_cast<Int>(std::trunc(
+                    static_cast<Float64>(y) * static_cast<Float64>(sh) / static_cast<Float64>(th)));
+                const Int ty = flip ? th - 1 - y : y;
+                PreviewSample* row = dst + ty * tw;
+                const PreviewSample* srow = src + sy * sw;
+                for (Int x = 0; x < tw; ++x) {
+                    const Int sx = static_cast<Int>(
+                        std::trunc(static_cast<Float64>(x) * static_cast<Float64>(sw) /
+                                   static_cast<Float64>(tw)));
+                    row[x] = srow[sx];
+                }
             }
-        }
-        return OK;
-    }));
+            return OK;
+        }));
     return target;
 }
 

@@ -16,6 +16,9 @@ RegistryRecord g_providers;
 InitializationRecord g_scheduler;
 
 Result<void> StartScheduler() { return PreviewImageScheduler::StartProcessScheduler(); }
+// The scheduler's destruction cancels its tasks and drains "Preview Image Queue": after this
+// step no provider code runs, so a provider module is unloaded after this one, never before
+// (its `ComputeIteration` may still be on a worker's stack until then).
 void FreeScheduler() { PreviewImageScheduler::FreeProcessScheduler(); }
 
 void Register() {
@@ -27,7 +30,8 @@ void Register() {
     DefineRecordDataType<ResultCompleteFunc, COMPARISON::OPERATORS>(
         g_completeFunc, "quorv::nodes::ResultCompleteFunc", g_unit, __FILE__);
     DefineRegistry(g_providers, LiteralId(PREVIEWIMAGEPROVIDER_REGISTRY_ID), g_unit, __FILE__, 0);
-    DefineInitialization(g_scheduler, "previewimage_scheduler", &StartScheduler, &FreeScheduler, g_unit);
+    DefineInitialization(g_scheduler, "previewimage_scheduler", &StartScheduler, &FreeScheduler,
+                         g_unit);
 }
 
 const bool g_registered = (Register(), true);

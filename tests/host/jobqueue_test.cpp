@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "quorv/host/host.h"
 #include "quorv/jobs.h"
 
 namespace quorv {
@@ -282,6 +283,41 @@ TEST(JobQueue, CancelAndWaitFromACancelledObserver) {
     ASSERT_TRUE(started.WaitFor(1));
     job.Cancel();
     EXPECT_TRUE(ThreadServicesInterface::IsFinished(job.Get()));
+}
+
+// The last holder of a queue may let go of it in a finished observer of one of the queue's
+// jobs (the preview scheduler's last reference can go there): the cancel-and-wait inside waits
+// for the other jobs only, and the queue goes once that job's arena task has returned.
+TEST(JobQueue, AFinishedObserverMayCancelAndFreeItsOwnQueue) {
+    const char* name = "freed by a finished observer of its own";
+    JobQueueObject* q = JobQueueInterface::Alloc(
+        JOBQUEUETYPE::LOWESTPRIORITY, 1, JOBQUEUEMODE::DEFAULT, name, QUORV_SOURCE_LOCATION);
+    ASSERT_NE(q, nullptr);
+    struct Context {
+        JobQueueObject* queue;
+        Arrivals freed;
+    } context{q, {}};
+    JobRef job = MakeJob([]() -> Result<void> { return OK; });
+    ASSERT_TRUE(ThreadServicesInterface::AddFinishedObserver(
+                    job.Get(),
+                    [](void* user, JobObject*) {
+                        auto* c = static_cast<Context*>(user);
+                        JobQueueInterface::CancelAndWait(c->queue);
+                        JobQueueInterface::Free(c->queue);
+                        c->freed.Arrive();
+                    },
+                    &context)
+                    .IsOk());
+    ASSERT_TRUE(job.Enqueue(q).IsOk());
+    ASSERT_TRUE(context.freed.WaitFor(1)) << "the observer waited for its own job";
+    auto listed = [name] {
+        for (const host::JobQueueListing& l : host::Host::Get().ListJobQueues()) {
+            if (l.name == name) return true;
+        }
+        return false;
+    };
+    for (int i = 0; i < 100000 && listed(); ++i) std::this_thread::yield();
+    EXPECT_FALSE(listed()) << "the queue was never freed";
 }
 
 TEST(ConditionVariable, SetFreesEveryWaiterForGood) {

@@ -47,6 +47,7 @@ struct Recorder {
     std::vector<Delivery> calls;
     std::atomic<int> inside{0};
     std::atomic<int> overlaps{0};
+    std::atomic<Int> delivered{0};  // calls so far, counted before the call returns
 
     nodes::ResultCompleteFunc Func() {
         return nodes::ResultCompleteFunc::Create([this](Result<void> r, DataDictionary meta,
@@ -65,6 +66,7 @@ struct Recorder {
                    inside.fetch_sub(1);
                    std::lock_guard<std::mutex> l(m);
                    calls.push_back(std::move(d));
+                   delivered.fetch_add(1);
                    cv.notify_all();
                })
             .GetValue();
@@ -123,6 +125,94 @@ std::vector<ColorA32> Samples(const PreviewImageProviderOutputImage& image) {
     return std::vector<ColorA32>(image.buffer->GetData(),
                                  image.buffer->GetData() + image.buffer->GetCount());
 }
+
+// ---- a BSDF that holds the ball inside an iteration -------------------------------------------
+
+// Holds every `SampleF` call once a submission has had a given number of deliveries, until the
+// test moves the threshold on: an iteration of the ball is then surely in progress.
+class SampleGate {
+public:
+    /// From now on, calls hold once `deliveries` reaches `threshold` (-1: never); calls held
+    /// under the former threshold go on.
+    void HoldFrom(const std::atomic<Int>* deliveries, Int threshold) {
+        std::lock_guard<std::mutex> l(_m);
+        _deliveries = deliveries;
+        _holding = false;
+        _threshold.store(threshold);
+        _cv.notify_all();
+    }
+    /// Returns once a call holds.
+    void AwaitHolding() {
+        std::unique_lock<std::mutex> l(_m);
+        _cv.wait(l, [&] { return _holding; });
+    }
+    void Pass() {
+        if (_threshold.load(std::memory_order_relaxed) < 0) return;
+        std::unique_lock<std::mutex> l(_m);
+        const Int mine = _threshold.load();
+        if (mine < 0 || _deliveries->load() < mine) return;
+        _holding = true;
+        _cv.notify_all();
+        _cv.wait(l, [&] { return _threshold.load() != mine; });
+    }
+
+private:
+    std::mutex _m;
+    std::condition_variable _cv;
+    const std::atomic<Int>* _deliveries = nullptr;
+    std::atomic<Int> _threshold{-1};
+    bool _holding = false;
+};
+
+SampleGate g_sampleGate;
+constexpr const char* GATED_BSDF_ID = "net.quorv.test.gatedggxbrdf";
+
+// The GGX class, called through its interface, with `SampleF` passing the gate first: the same
+// values to the bit.
+struct GatedGgxBRDF {
+    Result<void> Init(const DataDictionary& params, const void* data) {
+        Result<ObjectRef> o = CreateObjectById(LiteralId(BSDF_LEGACY_CLASS_REGISTRY_ID),
+                                               LiteralId(GGX_BRDF_CLASS_ID));
+        if (o.IsError()) return o.GetError();
+        Result<BSDFLegacyRef> ggx = BSDFLegacyRef::Cast(o.GetValue());
+        if (ggx.IsError()) return ggx.GetError();
+        inner = ggx.GetValue();
+        return inner.Init(params, data);
+    }
+    Result<void> Update(const void* data, UInt32 type) { return inner.Update(data, type); }
+    Result<void> Reset() { return inner.Reset(); }
+    Color64 SampleF(const Vector64& wo, const Vector64& normal, const BSDFCachedSample& sample,
+                    Vector64& wi, Float64& pdf) {
+        g_sampleGate.Pass();
+        return inner.SampleF(wo, normal, sample, wi, pdf);
+    }
+    Color64 ComputeBSDF(const Vector64& wo, const Vector64& wiSide, const Vector64& wi,
+                        Float64& pdf) {
+        return inner.ComputeBSDF(wo, wiSide, wi, pdf);
+    }
+    Color64 ComputeF_UVW(const Vector64& wo, const Vector64& wi, const Vector64& uvw,
+                         const Vector64& delta) {
+        return inner.ComputeF_UVW(wo, wi, uvw, delta);
+    }
+    Float64 ComputeAngle(const BSDFCachedSample& sample) { return inner.ComputeAngle(sample); }
+    Float64 PdfIndirect(const Vector64& wo, const Vector64& wi) {
+        return inner.PdfIndirect(wo, wi);
+    }
+    Float64 ComputeMIPAngle(Float64 angle) { return inner.ComputeMIPAngle(angle); }
+    BSDFFrame ComputeBSDFFrame(const Vector64& n, const Vector64& u, const Vector64& v,
+                               const Vector64& position, Bool fast, Bool world,
+                               Bool useGivenFrame) {
+        return inner.ComputeBSDFFrame(n, u, v, position, fast, world, useGivenFrame);
+    }
+    Result<void> GeneratePreviewImage(ImageObject* image, Float64 gain) {
+        return inner.GeneratePreviewImage(image, gain);
+    }
+    BSDFLegacyRef inner;
+};
+
+ModuleUnit g_unit(__FILE__);
+SimpleClass<GatedGgxBRDF, BSDFLegacyInterface> g_gatedBsdf(g_unit, GATED_BSDF_ID,
+                                                           BSDF_LEGACY_CLASS_REGISTRY_ID, __FILE__);
 
 // ---- the material ball -----------------------------------------------------------------------
 
@@ -203,6 +293,8 @@ TEST(MaterialBall, ErrorToAReferenceFallsWithEveryFullSizeIteration) {
     EXPECT_LT(last, RmsError(Samples(run[3].image), ref) * 0.6);
 }
 
+// Five pauses, each surely inside an iteration (0 to 4): the high-priority request is submitted
+// while a `SampleF` of the ball holds, so the ball's next poll finds its job cancelled.
 TEST(MaterialBall, PausedFiveTimesEndsBitIdenticalToUnpaused) {
     const Vector2i64 size{48, 32};
     const std::vector<Delivery> unpaused = RunBall(size, 6, 4, 7, GGX_BRDF_CLASS_ID);
@@ -213,26 +305,28 @@ TEST(MaterialBall, PausedFiveTimesEndsBitIdenticalToUnpaused) {
     Set(ball, BALL_ITERATIONS, Int(6));
     Set(ball, BALL_SAMPLES, Int(4));
     Set(ball, BALL_SEED, Int(7));
-    Set(ball, BALL_BSDF, Id::Intern(GGX_BRDF_CLASS_ID));
+    Set(ball, BALL_BSDF, Id::Intern(GATED_BSDF_ID));
+    g_sampleGate.HoldFrom(&rec.delivered, 0);
     ASSERT_TRUE(ball.request.Submit().IsOk());
-    for (int pause = 0; pause < 5; ++pause) {
-        // Once the ball is inside an iteration (a row begun), a high-priority request pauses it.
-        const Int rows = BallRowsBegun();
-        while (BallRowsBegun() == rows && rec.Copy().size() < 6) std::this_thread::yield();
+    for (Int pause = 0; pause < 5; ++pause) {
+        g_sampleGate.AwaitHolding();  // inside iteration `pause`
+        EXPECT_EQ(rec.delivered.load(), pause);
         Recorder high;
         Request h = NewRequest(SCRIPTED_PROVIDER_ID, high, {2, 2});
         Set(h, SCRIPTED_COUNT, Int(1));
         Set(h, nodes::PREVIEW_PURPOSE, UInt32(1));
-        Set(h, nodes::PREVIEW_RESULTCOMPLETEWAIT, TimeValue::Infinite());
-        ASSERT_TRUE(h.request.Submit().IsOk());
-        ASSERT_EQ(high.Copy().size(), 1u);
+        ASSERT_TRUE(h.request.Submit().IsOk());  // its start pass cancels the ball's job
+        // The held calls go on; the computation again of this iteration passes, the next holds.
+        g_sampleGate.HoldFrom(&rec.delivered, pause < 4 ? pause + 1 : -1);
+        ASSERT_EQ(high.WaitFor(1).size(), 1u);
     }
     const std::vector<Delivery> paused = rec.WaitFor(6);
     WaitIdle();
     ASSERT_EQ(paused.size(), 6u);
-    EXPECT_GE(paused.back().metadata.Get(BALL_META_CANCELLED, Int(0)), 1)
-        << "no pause reached a computation";
+    EXPECT_EQ(paused.back().metadata.Get(BALL_META_CANCELLED, Int(0)), 5)
+        << "every pause reached a computation";
     for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(paused[i].index, Int(i));
         const std::vector<ColorA32> a = Samples(unpaused[i].image), b = Samples(paused[i].image);
         ASSERT_EQ(a.size(), b.size());
         EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(ColorA32)), 0)
@@ -406,8 +500,9 @@ TEST(PreviewStress, ThreadsSubmitCancelDropResubmit) {
             EXPECT_GT(d.index, last);
             last = d.index;
             const Int begun = d.metadata.Get(SCRIPTED_META_BEGIN, Int(0));
-            if (s->cancelledAt != 0)
+            if (s->cancelledAt != 0) {
                 EXPECT_LT(begun, s->cancelledAt) << "an iteration begun after Cancel was delivered";
+            }
         }
     }
     EXPECT_GT(delivered, 0);

@@ -1,256 +1,32 @@
 // The preview worker and scheduler, white-box: the module's sources are linked into this test,
 // with a provider class of the test's own whose iterations follow a script (outputs, failures,
 // gates the test opens). Everything observable goes through the completion delegate, the
-// scheduler's snapshot and the host's background progress.
+// scheduler's snapshot and the host's background progress. The job system has the machine's
+// two threads: a preview budget of one thread and one task per level.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "quorv/host/host.h"
-#include "quorv/progress.h"
-#include "render/preview/previewimage_scheduler.h"
 #include "tests/common/test_support.h"
+#include "tests/render/preview_test_support.h"
 
 namespace quorv::nodes {
 namespace {
 
-constexpr const char* TEST_PROVIDER_ID = "net.quorv.test.previewprovider";
-
-// ---- a scripted provider ---------------------------------------------------------------------
-
-struct Step {
-    Int index = 0;
-    Int count = 1;
-    Int width = 2;
-    Int height = 2;
-    bool failCompute = false;
-    bool failTake = false;
-};
-
-// A gate a test opens; a waiter also leaves when its job is cancelled.
-class Gate {
-public:
-    void Open() {
-        std::lock_guard<std::mutex> l(_m);
-        _open = true;
-        _cv.notify_all();
-    }
-    void Wait(JobObject* job) {
-        std::unique_lock<std::mutex> l(_m);
-        ++_waiting;
-        _cv.notify_all();
-        while (!_open && !(job && ThreadServicesInterface::IsCancelled(job))) {
-            _cv.wait_for(l, std::chrono::milliseconds(1));
-        }
-        --_waiting;
-    }
-    // Returns once a waiter is inside.
-    void AwaitWaiter() {
-        std::unique_lock<std::mutex> l(_m);
-        _cv.wait(l, [&] { return _waiting > 0; });
-    }
-
-private:
-    std::mutex _m;
-    std::condition_variable _cv;
-    bool _open = false;
-    int _waiting = 0;
-};
-
-struct Script {
-    std::vector<Step> steps;
-    bool failInitialize = false;
-    Gate* gate = nullptr;       // every ComputeIteration waits here
-    Gate* firstGate = nullptr;  // only the first one
-    std::string name;
-};
-
-std::mutex g_logMutex;
-std::vector<std::string> g_log;  // "name:compute:N", "name:take:N", "name:init:T"
-std::map<Int, Script> g_scripts;
-Int g_nextScript = 1;
-
-void Log(const std::string& s) {
-    std::lock_guard<std::mutex> l(g_logMutex);
-    g_log.push_back(s);
-}
-
-std::vector<std::string> LogCopy() {
-    std::lock_guard<std::mutex> l(g_logMutex);
-    return g_log;
-}
-
-const DictionaryKey<Int> SCRIPT_KEY("net.quorv.test.preview.script");
-
-struct TestProvider {
-    Result<void> Initialize(const DataDictionaryObjectInterface::Ref& request, Int threadCount) {
-        const Int key = GetObjectValue(request, SCRIPT_KEY, Int(0));
-        {
-            std::lock_guard<std::mutex> l(g_logMutex);
-            auto it = g_scripts.find(key);
-            // Under a failing allocator the key's copy may come back empty.
-            if (it == g_scripts.end()) return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "no script");
-            script = &it->second;
-        }
-        Log(script->name + ":init:" + std::to_string(threadCount));
-        if (script->failInitialize) {
-            return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION, "scripted init failure");
-        }
-        return OK;
-    }
-    Result<void> ComputeIteration(JobObject* job) {
-        if (script->firstGate && computed == 0) script->firstGate->Wait(job);
-        if (script->gate) script->gate->Wait(job);
-        const Step& s = script->steps[static_cast<size_t>(std::min<Int>(computed, Int(script->steps.size()) - 1))];
-        Log(script->name + ":compute:" + std::to_string(computed) +
-            (ThreadServicesInterface::IsCancelled(job) ? ":cancelled" : ""));
-        if (ThreadServicesInterface::IsCancelled(job)) return OK;  // adds nothing
-        ++computed;
-        if (s.failCompute) return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "scripted compute failure");
-        return OK;
-    }
-    Result<PreviewImageProviderOutput> TakeOutput() {
-        const Step& s = script->steps[static_cast<size_t>(std::min<Int>(computed - 1, Int(script->steps.size()) - 1))];
-        Log(script->name + ":take:" + std::to_string(s.index));
-        if (s.failTake) return MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "scripted take failure");
-        PreviewImageProviderOutput out;
-        out.iterationIndex = s.index;
-        out.iterationCount = s.count;
-        Result<Ref<SampleBuffer>> b = SampleBuffer::Create(s.width * s.height);
-        if (b.IsError()) return b.GetError();
-        for (Int i = 0; i < s.width * s.height; ++i) {
-            b.GetValue()->GetData()[i] = ColorA32{Float32(i), Float32(s.index), 0.f, 1.f};
-        }
-        PreviewImageProviderOutputImage image{s.width, s.height, b.GetValue(), true};
-        QUORV_RETURN_IF_ERROR(out.images.Set(DictionaryKey<PreviewImageProviderOutputImage>("beauty"), image));
-        QUORV_RETURN_IF_ERROR(out.metadata.Set(DictionaryKey<Int>("net.quorv.test.preview.step"), computed));
-        return out;
-    }
-    TestProvider& operator=(const TestProvider&) = default;
-    Script* script = nullptr;
-    Int computed = 0;
-};
+using namespace previewtest;
 
 ModuleUnit g_unit(__FILE__);
-SimpleClass<TestProvider, PreviewImageProviderInterface> g_provider(g_unit, TEST_PROVIDER_ID,
-                                                                    PREVIEWIMAGEPROVIDER_REGISTRY_ID, __FILE__);
-
-// ---- deliveries as the delegate sees them ----------------------------------------------------
-
-struct Delivery {
-    bool ok = true;
-    std::string message;
-    Int index = -100;
-    Int count = -100;
-    Int images = 0;
-    Int width = 0, height = 0;
-    Ref<SampleBuffer> buffer;
-};
-
-struct Recorder {
-    std::mutex m;
-    std::condition_variable cv;
-    std::vector<Delivery> calls;
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-
-    ResultCompleteFunc Func() {
-        return ResultCompleteFunc::Create([this](Result<void> r, DataDictionary meta, DataDictionary images) {
-                   if (inside.fetch_add(1) != 0) ++overlaps;
-                   Delivery d;
-                   d.ok = r.IsOk();
-                   if (r.IsError() && r.GetErrorPointer()->message) d.message = r.GetErrorPointer()->message;
-                   d.index = meta.Get(PREVIEW_ITERATIONINDEX, Int(-100));
-                   d.count = meta.Get(PREVIEW_ITERATIONCOUNT, Int(-100));
-                   d.images = images.GetCount();
-                   auto image = images.Get(DictionaryKey<PreviewImageProviderOutputImage>("beauty"),
-                                           PreviewImageProviderOutputImage{});
-                   d.width = image.width;
-                   d.height = image.height;
-                   d.buffer = image.buffer;
-                   inside.fetch_sub(1);
-                   std::lock_guard<std::mutex> l(m);
-                   calls.push_back(std::move(d));
-                   cv.notify_all();
-               })
-            .GetValue();
-    }
-    std::vector<Delivery> WaitFor(size_t n) {
-        std::unique_lock<std::mutex> l(m);
-        cv.wait_for(l, std::chrono::seconds(20), [&] { return calls.size() >= n; });
-        return calls;
-    }
-    std::vector<Delivery> Copy() {
-        std::lock_guard<std::mutex> l(m);
-        return calls;
-    }
-};
-
-struct Request {
-    ObjectRef object;
-    DataDictionaryObjectInterface::Ref dict;
-    PreviewImageRequestInterface::Ref request;
-};
-
-Request NewRequest() {
-    Request r;
-    Result<ObjectRef> o = CreateObjectById(LiteralId(NODES_CLASS_REGISTRY_ID), LiteralId(PREVIEWIMAGEREQUEST_CLASS_ID));
-    EXPECT_TRUE(o.IsOk()) << (o.IsError() ? o.GetErrorPointer()->message : "");
-    r.object = o.GetValue();
-    r.dict = DataDictionaryObjectInterface::Ref::Cast(r.object).GetValue();
-    r.request = PreviewImageRequestInterface::Ref::Cast(r.object).GetValue();
-    return r;
-}
-
-ClassObject* ProviderClass() {
-    Result<const ClassObject*> c = FindClass(LiteralId(PREVIEWIMAGEPROVIDER_REGISTRY_ID), LiteralId(TEST_PROVIDER_ID));
-    EXPECT_TRUE(c.IsOk());
-    return const_cast<ClassObject*>(c.GetValue());
-}
-
-// A request with a delegate, a provider and a script.
-Request ScriptedRequest(Recorder& rec, Script script, Vector2i64 size = {4, 4}) {
-    Int key;
-    {
-        std::lock_guard<std::mutex> l(g_logMutex);
-        key = g_nextScript++;
-        g_scripts[key] = std::move(script);
-    }
-    Request r = NewRequest();
-    EXPECT_TRUE(SetObjectValue(r.dict, PREVIEW_RESULTCOMPLETEFUNC, rec.Func()).IsOk());
-    EXPECT_TRUE(SetObjectValue(r.dict, PREVIEW_TEXTURESIZE, size).IsOk());
-    EXPECT_TRUE(SetObjectValue(r.dict, PREVIEW_PROVIDER, ProviderClass()).IsOk());
-    EXPECT_TRUE(SetObjectValue(r.dict, SCRIPT_KEY, key).IsOk());
-    return r;
-}
-
-void WaitIdle() {
-    for (int i = 0; i < 20000; ++i) {
-        auto s = PreviewImageScheduler::Get()->GetSnapshot();
-        if (s.tasks == 0 && s.runningNormal == 0 && s.runningHigh == 0) return;
-        std::this_thread::yield();
-    }
-    ADD_FAILURE() << "the scheduler did not come to rest";
-}
-
-template <typename R>
-std::string MessageOf(const R& r) {
-    return r.IsError() && r.GetErrorPointer()->message ? r.GetErrorPointer()->message : "";
-}
+SimpleClass<TestProvider, PreviewImageProviderInterface> g_provider(
+    g_unit, TEST_PROVIDER_ID, PREVIEWIMAGEPROVIDER_REGISTRY_ID, __FILE__);
 
 class PreviewTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::lock_guard<std::mutex> l(g_logMutex);
-        g_log.clear();
-    }
+    void SetUp() override { ClearLog(); }
     void TearDown() override { WaitIdle(); }
 };
 
@@ -258,7 +34,8 @@ protected:
 
 Ref<SampleBuffer> Numbered(Int w, Int h) {
     Ref<SampleBuffer> b = SampleBuffer::Create(w * h).GetValue();
-    for (Int i = 0; i < w * h; ++i) b->GetData()[i] = ColorA32{Float32(i % w), Float32(i / w), 7.f, 1.f};
+    for (Int i = 0; i < w * h; ++i)
+        b->GetData()[i] = ColorA32{Float32(i % w), Float32(i / w), 7.f, 1.f};
     return b;
 }
 
@@ -298,7 +75,8 @@ TEST(PreviewConversion, PassThroughAndBadBuffers) {
     Result<Ref<SampleBuffer>> same = ConvertSampleBuffer(wrong, 5, 5, 5, 5, false);
     ASSERT_TRUE(same.IsOk());
     EXPECT_EQ(same.GetValue().Get(), wrong.Get());
-    EXPECT_EQ(MessageOf(ConvertSampleBuffer(wrong, 5, 5, 5, 5, true)), "Illegal argument: Invalid sample buffer.");
+    EXPECT_EQ(MessageOf(ConvertSampleBuffer(wrong, 5, 5, 5, 5, true)),
+              "Illegal argument: Invalid sample buffer.");
     EXPECT_EQ(MessageOf(ConvertSampleBuffer(Ref<SampleBuffer>(), 2, 2, 4, 4, false)),
               "Illegal argument: Invalid Sample Buffer");
     EXPECT_EQ(ConversionGranularity(1000, 8), 16);
@@ -315,8 +93,9 @@ TEST(PreviewBudget, ThreadsAndLimits) {
         bool one;
         Int budget, limit;
     };
-    for (Row r : {Row{1, false, 1, 1}, Row{2, false, 1, 1}, Row{4, false, 3, 1}, Row{6, false, 5, 2},
-                  Row{40, false, 39, 8}, Row{40, true, 1, 1}, Row{17, false, 16, 8}, Row{18, false, 17, 8}}) {
+    for (Row r : {Row{1, false, 1, 1}, Row{2, false, 1, 1}, Row{4, false, 3, 1},
+                  Row{6, false, 5, 2}, Row{40, false, 39, 8}, Row{40, true, 1, 1},
+                  Row{17, false, 16, 8}, Row{18, false, 17, 8}}) {
         PreviewBudget b = ComputePreviewBudget(r.threads, r.one);
         EXPECT_EQ(b.threads, r.budget) << r.threads;
         EXPECT_EQ(b.maxParallelTasks, r.limit) << r.threads;
@@ -349,62 +128,111 @@ TEST_F(PreviewTest, SubmitChecksInOrder) {
     EXPECT_EQ(PreviewImageScheduler::Get()->GetSnapshot().tasks, 0);
 }
 
+// One call of the delegate: the index of a delivery (-100 for an error call with empty
+// dictionaries), the number of images, and the error kind and message of an error call.
+struct Call {
+    Int index;
+    Int images;
+    std::optional<ERRORKIND> kind = std::nullopt;
+    std::string message = "";
+};
+
 struct OutputCase {
     const char* label;
     std::vector<Step> steps;
-    std::vector<Int> deliveredIndices;  // in order; -1 marks an error call
-    std::vector<std::string> messages;  // of error calls, in order
+    bool flip;
+    std::vector<Call> calls;
+    // Every value the task's progress job takes, in order: 0 when it is added, what each
+    // iteration's end reports (clamped to [0, 1] by the host), 1 when it is closed.
+    std::vector<Float64> progress;
 };
 
 TEST_F(PreviewTest, OutputCases) {
-    Step fail;
-    fail.failCompute = true;
-    Step failTake;
-    failTake.failTake = true;
+    Step computeFails{1, 3};
+    computeFails.failCompute = true;
+    Step takeFails{0, 2};
+    takeFails.failTake = true;
+    Step takeFailsLater{1, 3};
+    takeFailsLater.failTake = true;
+    Step badImage{0, 2};
+    badImage.badSecondImage = true;
+    const ERRORKIND STATE = ERRORKIND::ILLEGALSTATE, OOM = ERRORKIND::OUTOFMEMORY;
     const std::vector<OutputCase> cases = {
-        {"count 1", {Step{0, 1}}, {0}, {}},
-        {"index 2 of 3 after 0", {Step{0, 3}, Step{2, 3}}, {0, 2}, {}},
-        {"index equal to count", {Step{1, 1}}, {}, {}},
-        {"same index twice", {Step{0, 3}, Step{0, 3}, Step{1, 3}, Step{2, 3}}, {0, 1, 2}, {}},
-        {"negative index", {Step{-1, 3}}, {}, {}},
-        {"compute fails", {Step{0, 3}, Step{1, 3, 2, 2, true}}, {0, -1}, {"scripted compute failure"}},
-        {"take fails", {Step{0, 2, 2, 2, false, true}}, {-1, -1}, {"scripted take failure", ""}},
+        {"count 1", {Step{0, 1}}, false, {{0, 1}}, {0.0, 1.0}},
+        {"index 2 of 3 after 0",
+         {Step{0, 3}, Step{2, 3}},
+         false,
+         {{0, 1}, {2, 1}},
+         {0.0, 1.0 / 3.0, 1.0}},
+        {"index equal to count: nothing delivered", {Step{1, 1}}, false, {}, {0.0, 1.0}},
+        {"same index twice: delivered once",
+         {Step{0, 3}, Step{0, 3}, Step{1, 3}, Step{2, 3}},
+         false,
+         {{0, 1}, {1, 1}, {2, 1}},
+         {0.0, 1.0 / 3.0, 2.0 / 3.0, 1.0}},
+        {"negative index", {Step{-1, 3}}, false, {}, {0.0, 1.0}},
+        {"compute fails: the job's error",
+         {Step{0, 3}, computeFails},
+         false,
+         {{0, 1}, {-100, 0, STATE, "scripted compute failure"}},
+         {0.0, 1.0 / 3.0, 1.0}},
+        {"take fails: the error, then out of memory",
+         {takeFails},
+         false,
+         {{-100, 0, STATE, "scripted take failure"}, {-100, 0, OOM, ""}},
+         {0.0, 1.0}},
+        // Count -1 after one delivery: (0 + 1) / -1, a negative progress the host clamps to 0.
+        {"take fails after a delivery",
+         {Step{0, 3}, takeFailsLater},
+         false,
+         {{0, 1}, {-100, 0, STATE, "scripted take failure"}, {-100, 0, OOM, ""}},
+         {0.0, 1.0 / 3.0, 0.0, 1.0}},
+        // The first image converts, the second fails: one call with the error and what was
+        // built; the index counts as delivered, so the same index again is not delivered.
+        {"a conversion fails",
+         {badImage, Step{0, 2}, Step{1, 2}},
+         true,
+         {{0, 1, ERRORKIND::ILLEGALARGUMENT, "Illegal argument: Invalid sample buffer."}, {1, 1}},
+         {0.0, 0.5, 1.0}},
     };
+    BackgroundMasterObject* master = BackgroundProgressInterface::GetMaster();
     for (const OutputCase& c : cases) {
+        const Int entryIndex = BackgroundProgressInterface::GetEntryCount(master);
+        ProgressRecorder progress(entryIndex, 0);
         Recorder rec;
         Script s;
         s.name = c.label;
         s.steps = c.steps;
-        Request r = ScriptedRequest(rec, s);
-        ASSERT_TRUE(SetObjectValue(r.dict, PREVIEW_RESULTCOMPLETEWAIT, TimeValue::Infinite()).IsOk());
+        Request r = ScriptedRequest(rec, s, {2, 2});
+        ASSERT_TRUE(SetObjectValue(r.dict, PREVIEW_FLIPVERTICALLY, c.flip).IsOk());
+        ASSERT_TRUE(
+            SetObjectValue(r.dict, PREVIEW_RESULTCOMPLETEWAIT, TimeValue::Infinite()).IsOk());
         ASSERT_TRUE(r.request.Submit().IsOk()) << c.label;
         WaitIdle();
-        std::vector<Delivery> calls = rec.Copy();
-        ASSERT_EQ(calls.size(), c.deliveredIndices.size()) << c.label;
-        size_t m = 0;
+        AwaitSnapshot([](const PreviewImageScheduler::Snapshot& snap) { return !snap.activeEntry; },
+                      "the entry closed");
+        const std::vector<Delivery> calls = rec.Copy();
+        ASSERT_EQ(calls.size(), c.calls.size()) << c.label;
         for (size_t i = 0; i < calls.size(); ++i) {
-            if (c.deliveredIndices[i] < 0) {
-                EXPECT_FALSE(calls[i].ok) << c.label;
-                EXPECT_EQ(calls[i].images, 0) << c.label;
-                if (m < c.messages.size()) {
-                    EXPECT_EQ(calls[i].message, c.messages[m]) << c.label;
-                }
-                ++m;
-            } else {
-                EXPECT_TRUE(calls[i].ok) << c.label << ": " << calls[i].message;
-                EXPECT_EQ(calls[i].index, c.deliveredIndices[i]) << c.label;
+            const Call& want = c.calls[i];
+            EXPECT_EQ(calls[i].ok, !want.kind.has_value()) << c.label << " " << i;
+            EXPECT_EQ(calls[i].kind, want.kind) << c.label << " " << i;
+            EXPECT_EQ(calls[i].message, want.message) << c.label << " " << i;
+            EXPECT_EQ(calls[i].index, want.index) << c.label << " " << i;
+            EXPECT_EQ(calls[i].images, want.images) << c.label << " " << i;
+            if (want.index >= 0) {
                 EXPECT_EQ(calls[i].count, c.steps.back().count) << c.label;
-                EXPECT_EQ(calls[i].images, 1) << c.label;
+                // Flipped 2x2: the first target row is the last source row.
+                EXPECT_EQ(calls[i].buffer->GetData()[0].r, c.flip ? 2.f : 0.f) << c.label;
             }
         }
+        EXPECT_EQ(progress.Values(), c.progress) << c.label;
     }
 }
 
 TEST_F(PreviewTest, UpscaleAndFlipReachTheDelegate) {
     Recorder rec;
-    Script s;
-    s.name = "upscale";
-    s.steps = {Step{0, 2, 2, 2}, Step{1, 2, 4, 4}};
+    Script s = MakeScript("upscale", {Step{0, 2, 2, 2}, Step{1, 2, 4, 4}});
     Request r = ScriptedRequest(rec, s, {4, 4});
     ASSERT_TRUE(SetObjectValue(r.dict, PREVIEW_UPSCALEPROGRESSION, true).IsOk());
     ASSERT_TRUE(SetObjectValue(r.dict, PREVIEW_FLIPVERTICALLY, true).IsOk());
@@ -431,11 +259,11 @@ TEST_F(PreviewTest, TwoRequestsOfOneLevelAlternateAtLimitOne) {
     Gate first;
     Script a;
     a.name = "A";
-    a.firstGate = &first;
+    a.callGates = {{0, &first}};
     a.steps = {Step{0, 3}, Step{1, 3}, Step{2, 3}};
     Script b = a;
     b.name = "B";
-    b.firstGate = nullptr;
+    b.callGates.clear();
     Request ra = ScriptedRequest(rec, a), rb = ScriptedRequest(rec, b);
     ASSERT_TRUE(ra.request.Submit().IsOk());
     first.AwaitWaiter();
@@ -457,11 +285,9 @@ TEST_F(PreviewTest, HighTaskPausesANormalOneWhichRestartsAfter) {
     Script n;
     n.name = "N";
     Gate gate;
-    n.firstGate = &gate;
+    n.callGates = {{0, &gate}};
     n.steps = {Step{0, 2}, Step{1, 2}};
-    Script h;
-    h.name = "H";
-    h.steps = {Step{0, 1}};
+    Script h = MakeScript("H", {Step{0, 1}});
     Request rn = ScriptedRequest(recN, n), rh = ScriptedRequest(recH, h);
     ASSERT_TRUE(rn.request.Submit().IsOk());
     gate.AwaitWaiter();
@@ -472,9 +298,11 @@ TEST_F(PreviewTest, HighTaskPausesANormalOneWhichRestartsAfter) {
     recN.WaitFor(2);
     WaitIdle();
     std::vector<std::string> log = LogCopy();
-    std::vector<std::string> expected = {"N:init:1", "H:init:1", "N:compute:0:cancelled", "H:compute:0",
-                                         "H:take:0", "N:compute:0", "N:take:0", "N:compute:1", "N:take:1"};
-    EXPECT_EQ(log, expected) << "no TakeOutput after a pause; the normal task restarts after the high one";
+    std::vector<std::string> expected = {"N:init:1",    "H:init:1",    "N:compute:0:cancelled",
+                                         "H:compute:0", "H:take:0",    "N:compute:0",
+                                         "N:take:0",    "N:compute:1", "N:take:1"};
+    EXPECT_EQ(log, expected)
+        << "no TakeOutput after a pause; the normal task restarts after the high one";
     ASSERT_EQ(recN.Copy().size(), 2u);
     EXPECT_EQ(recN.Copy()[0].index, 0);
 }
@@ -486,9 +314,7 @@ TEST_F(PreviewTest, PurposeTwoIsNormal) {
     blocker.name = "blocker";
     blocker.gate = &gate;
     blocker.steps = {Step{0, 1}};
-    Script p2;
-    p2.name = "p2";
-    p2.steps = {Step{0, 1}};
+    Script p2 = MakeScript("p2", {Step{0, 1}});
     Request b = ScriptedRequest(rec, blocker), r = ScriptedRequest(rec, p2);
     ASSERT_TRUE(b.request.Submit().IsOk());
     gate.AwaitWaiter();
@@ -508,9 +334,7 @@ TEST_F(PreviewTest, CancelQueuedRunningAndResubmit) {
     running.name = "running";
     running.gate = &gate;
     running.steps = {Step{0, 3}, Step{1, 3}, Step{2, 3}};
-    Script queued;
-    queued.name = "queued";
-    queued.steps = {Step{0, 1}};
+    Script queued = MakeScript("queued", {Step{0, 1}});
     Request r1 = ScriptedRequest(rec, running), r2 = ScriptedRequest(rec, queued);
     ASSERT_TRUE(r1.request.Submit().IsOk());
     gate.AwaitWaiter();
@@ -530,6 +354,26 @@ TEST_F(PreviewTest, CancelQueuedRunningAndResubmit) {
     ASSERT_TRUE(SetObjectValue(r1.dict, PREVIEW_RESULTCOMPLETEWAIT, TimeValue::Infinite()).IsOk());
     ASSERT_TRUE(r1.request.Submit().IsOk());
     EXPECT_EQ(rec.Copy().size(), 3u);
+}
+
+TEST_F(PreviewTest, CancelARunningTaskAtALaterIteration) {
+    Recorder rec;
+    Gate second;
+    Script s = MakeScript("later", {Step{0, 3}, Step{1, 3}, Step{2, 3}}, {{1, &second}});
+    Request r = ScriptedRequest(rec, s);
+    const Int retained = Snap().retained;
+    ASSERT_TRUE(r.request.Submit().IsOk());
+    second.AwaitWaiter();  // iteration 0 is delivered, iteration 1 computes
+    ASSERT_EQ(rec.Copy().size(), 1u);
+    r.request.Cancel();
+    WaitIdle();
+    ASSERT_EQ(rec.Copy().size(), 1u) << "a cancelled iteration is not delivered, nor any later";
+    EXPECT_EQ(rec.Copy()[0].index, 0);
+    EXPECT_EQ(LogOf("later"),
+              (std::vector<std::string>{"later:init:1", "later:compute:0", "later:take:0",
+                                        "later:compute:1:cancelled"}))
+        << "no TakeOutput after the cancelled job";
+    EXPECT_EQ(Snap().retained, retained) << "a task that has run an iteration is not retained";
 }
 
 TEST_F(PreviewTest, SecondSubmitCancelsTheFirstEvenWhenItFails) {
@@ -565,51 +409,161 @@ TEST_F(PreviewTest, DroppingTheLastReferenceCancels) {
     EXPECT_TRUE(rec.Copy().empty());
 }
 
-TEST_F(PreviewTest, BackgroundEntryLivesWithVisibleTasks) {
+// The entry's jobs are weighted by size times texture ids; node2d requests add no job, but
+// like every task they take one off the entry's count when they end: a node2d task ending
+// while a visible one runs closes the entry, and the visible one goes on unseen.
+TEST_F(PreviewTest, BackgroundEntryJobsWeightsAndLife) {
     BackgroundMasterObject* master = BackgroundProgressInterface::GetMaster();
     ASSERT_NE(master, nullptr);
     const Int before = BackgroundProgressInterface::GetEntryCount(master);
     Recorder rec;
-    Gate gate;
-    Script s;
-    s.name = "visible";
-    s.gate = &gate;
-    s.steps = {Step{0, 2}, Step{1, 2}};
-    Script node;
-    node.name = "node2d";
-    node.steps = {Step{0, 1}};
-    Request visible = ScriptedRequest(rec, s, {8, 4});
-    ASSERT_TRUE(SetObjectValue(visible.dict, PREVIEW_TEXTUREIDS, IdArray{Id::Intern("a"), Id::Intern("b")}).IsOk());
-    ASSERT_TRUE(visible.request.Submit().IsOk());
-    gate.AwaitWaiter();
-    auto snap = PreviewImageScheduler::Get()->GetSnapshot();
-    ASSERT_TRUE(snap.activeEntry) << "is the resource string shipped?";
-    EXPECT_EQ(snap.activeJobCount, 1);
-    EXPECT_EQ(BackgroundProgressInterface::GetEntryCount(master), before + 1);
+    Gate gA0, gA1, gB, gN;
+    Script a = MakeScript("A", {Step{0, 2}, Step{1, 2}}, {{0, &gA0}, {1, &gA1}});
+    Script b = MakeScript("B", {Step{0, 1}}, {{0, &gB}});
+    Script n = MakeScript("N", {Step{0, 1}}, {{0, &gN}});
+    Request ra = ScriptedRequest(rec, a, {8, 4}), rb = ScriptedRequest(rec, b, {2, 2}),
+            rn = ScriptedRequest(rec, n, {2, 2});
+    ASSERT_TRUE(
+        SetObjectValue(ra.dict, PREVIEW_TEXTUREIDS, IdArray{Id::Intern("a"), Id::Intern("b")})
+            .IsOk());
+    ASSERT_TRUE(SetObjectValue(rn.dict, PREVIEW_INTENT, Id::Intern(PREVIEW_INTENT_NODE2D)).IsOk());
+
+    ASSERT_TRUE(ra.request.Submit().IsOk());
+    gA0.AwaitWaiter();
+    ASSERT_TRUE(Snap().activeEntry);
+    EXPECT_EQ(Snap().activeJobCount, 1);
+    ASSERT_EQ(BackgroundProgressInterface::GetEntryCount(master), before + 1);
     BackgroundEntryObject* entry = BackgroundProgressInterface::GetEntry(master, before);
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(ProgressInterface::GetJobCount(entry), 1);
+    char name[64] = {};
+    ProgressInterface::GetName(entry, name, sizeof name - 1);
+    EXPECT_STREQ(name, "Baking previews") << "the resource string of the build's resources";
+    ASSERT_TRUE(rb.request.Submit().IsOk());
+    ASSERT_TRUE(rn.request.Submit().IsOk());
+    EXPECT_EQ(ProgressInterface::GetJobCount(entry), 2) << "node2d adds no progress job";
+    EXPECT_EQ(Snap().activeJobCount, 2);
 
-    Request n2d = ScriptedRequest(rec, node);
-    ASSERT_TRUE(SetObjectValue(n2d.dict, PREVIEW_INTENT, Id::Intern(PREVIEW_INTENT_NODE2D)).IsOk());
-    ASSERT_TRUE(n2d.request.Submit().IsOk());
-    EXPECT_EQ(ProgressInterface::GetJobCount(entry), 1) << "node2d adds no progress job";
-    gate.Open();
-    rec.WaitFor(3);
-    WaitIdle();
-    EXPECT_FALSE(PreviewImageScheduler::Get()->GetSnapshot().activeEntry);
+    gA0.Open();  // A delivers 0 of 2 and queues behind B and N; B starts
+    gB.AwaitWaiter();
+    EXPECT_EQ(ProgressInterface::GetJobProgress(entry, 0), 0.5);
+    EXPECT_EQ(ProgressInterface::GetJobProgress(entry, 1), 0.0);
+    // Weights 8 * 4 * 2 texture ids and 2 * 2 * 1: half of A done.
+    EXPECT_DOUBLE_EQ(ProgressInterface::GetProgress(entry),
+                     (64.0 * 0.5 + 4.0 * 0.0) / (64.0 + 4.0));
+
+    gB.Open();  // B ends: its job is set to 1 and closed; N starts
+    gN.AwaitWaiter();
+    EXPECT_EQ(ProgressInterface::GetJobProgress(entry, 1), 1.0);
+    EXPECT_TRUE(Snap().activeEntry);
+    EXPECT_EQ(Snap().activeJobCount, 1);
+
+    gN.Open();  // N ends and takes the count to 0: the entry goes while A still has work
+    gA1.AwaitWaiter();
+    EXPECT_FALSE(Snap().activeEntry);
+    EXPECT_EQ(Snap().activeJobCount, 0);
     EXPECT_EQ(BackgroundProgressInterface::GetEntryCount(master), before);
+    gA1.Open();
+    rec.WaitFor(4);
+    WaitIdle();
+    EXPECT_EQ(rec.Copy().size(), 4u);
+    EXPECT_EQ(ProgressInterface::GetJobProgress(entry, 0), 0.5) << "A went on unseen";
     RemoveReference(entry);
+
+    // The next visible task opens a new entry, which leaves with it.
+    Script c = MakeScript("C", {Step{0, 1}});
+    Request rc = ScriptedRequest(rec, c);
+    ProgressRecorder progress(before, 0);
+    ASSERT_TRUE(SetObjectValue(rc.dict, PREVIEW_RESULTCOMPLETEWAIT, TimeValue::Infinite()).IsOk());
+    ASSERT_TRUE(rc.request.Submit().IsOk());
+    AwaitSnapshot([](const PreviewImageScheduler::Snapshot& snap) { return !snap.activeEntry; },
+                  "the entry closed");
+    EXPECT_EQ(progress.Values(), (std::vector<Float64>{0.0, 1.0}));
+    EXPECT_EQ(BackgroundProgressInterface::GetEntryCount(master), before);
+}
+
+// A shutdown: the running job is cancelled (no more deliveries), the entry goes, nothing is
+// erased, and the start pass refuses every task from then on, even one submitted later.
+TEST_F(PreviewTest, CancelAllStopsTheSchedulerForGood) {
+    BackgroundMasterObject* master = BackgroundProgressInterface::GetMaster();
+    const Int entries = BackgroundProgressInterface::GetEntryCount(master);
+    Recorder rec;
+    Gate second;
+    Script a = MakeScript("A", {Step{0, 3}, Step{1, 3}, Step{2, 3}}, {{1, &second}});
+    Script b = MakeScript("B", {Step{0, 1}});
+    Script c = b;
+    c.name = "C";
+    auto ra = std::make_unique<Request>(ScriptedRequest(rec, a));
+    auto rb = std::make_unique<Request>(ScriptedRequest(rec, b));
+    auto rc = std::make_unique<Request>(ScriptedRequest(rec, c));
+    ASSERT_TRUE(ra->request.Submit().IsOk());
+    second.AwaitWaiter();
+    ASSERT_TRUE(rb->request.Submit().IsOk());  // queued behind A
+    ASSERT_TRUE(Snap().activeEntry);
+
+    ra->request.CancelAllRequests(true);
+    EXPECT_EQ(LogOf("A").back(), "A:compute:1:cancelled");
+    EXPECT_EQ(rec.Copy().size(), 1u) << "a cancelled job delivers nothing";
+    PreviewImageScheduler::Snapshot s = Snap();
+    EXPECT_TRUE(s.stopped);
+    EXPECT_FALSE(s.activeEntry);
+    EXPECT_EQ(BackgroundProgressInterface::GetEntryCount(master), entries);
+    EXPECT_EQ(s.tasks, 1) << "B stays, A left at its job's end";
+    EXPECT_EQ(s.queuedNormal, 1);
+    EXPECT_EQ(s.runningNormal, 0);
+
+    // Submit still works, but the task never starts and its wait runs out.
+    ASSERT_TRUE(SetObjectValue(rc->dict, PREVIEW_RESULTCOMPLETEWAIT, TimeValue{0.02}).IsOk());
+    ASSERT_TRUE(rc->request.Submit().IsOk());
+    s = Snap();
+    EXPECT_EQ(s.tasks, 2);
+    EXPECT_EQ(s.queuedNormal, 2);
+    EXPECT_EQ(s.runningNormal, 0);
+    EXPECT_TRUE(LogOf("B").size() == 1 && LogOf("C").size() == 1) << "only Initialize ran";
+    EXPECT_EQ(rec.Copy().size(), 1u);
+
+    // Nothing restarts the stopped scheduler but making a new one. The requests go first: a
+    // later ticket must not cancel a task of the next scheduler under a reused id.
+    ra.reset();
+    rb.reset();
+    rc.reset();
+    PreviewImageScheduler::FreeProcessScheduler();
+    ASSERT_TRUE(PreviewImageScheduler::StartProcessScheduler().IsOk());
+    EXPECT_EQ(BackgroundProgressInterface::GetEntryCount(master), entries);
+}
+
+// The scheduler's destruction drops its tasks before it drains the queue: the task's
+// destructor cancels its running job, whose cancelled observer finds no task left to upgrade.
+TEST_F(PreviewTest, FreeingTheSchedulerCancelsAJobWhoseTaskIsGone) {
+    Recorder rec;
+    Gate second;
+    Script s = MakeScript("freed", {Step{0, 2}, Step{1, 2}}, {{1, &second}});
+    auto r = std::make_unique<Request>(ScriptedRequest(rec, s));
+    ASSERT_TRUE(r->request.Submit().IsOk());
+    second.AwaitWaiter();
+    PreviewImageScheduler::FreeProcessScheduler();
+    EXPECT_EQ(LogOf("freed").back(), "freed:compute:1:cancelled");
+    EXPECT_EQ(rec.Copy().size(), 1u);
+    r.reset();  // its ticket finds no scheduler
+    ASSERT_TRUE(PreviewImageScheduler::StartProcessScheduler().IsOk());
 }
 
 TEST_F(PreviewTest, OutOfMemoryAtEachAllocationOfASubmit) {
     host::Host& host = host::Host::Get();
+    host.ClearCriticalLog();
     int oks = 0, refused = 0, stuck = 0;
+    // The delegate of a failed start runs inside Submit, under the queue lock: a call back into
+    // the scheduler from there is refused (and reported), not left to spin on its own lock.
+    Recorder otherRec;
+    Script other = MakeScript("other", {Step{0, 1}});
+    Request reentry = ScriptedRequest(otherRec, other);
+    std::vector<std::string> reentered;
+    const std::thread::id self = std::this_thread::get_id();
     for (Int n = 1; n <= 80; ++n) {
         Recorder rec;
-        Script s;
-        s.name = "oom";
-        s.steps = {Step{0, 1}};
+        rec.onCall = [&](const Delivery& d) {
+            if (d.thread == self) reentered.push_back(MessageOf(reentry.request.Submit()));
+        };
+        Script s = MakeScript("oom", {Step{0, 1}});
         Request r = ScriptedRequest(rec, s);
         host.FailAllocationAfter(n);
         Result<void> submitted = r.request.Submit();
@@ -640,6 +594,16 @@ TEST_F(PreviewTest, OutOfMemoryAtEachAllocationOfASubmit) {
     EXPECT_GT(refused, 0);
     EXPECT_GT(oks, 0);
     EXPECT_GT(stuck, 0) << "no failed start was seen; the loop reaches no job allocation";
+    EXPECT_FALSE(reentered.empty()) << "no start failed inside Submit";
+    for (const std::string& m : reentered)
+        EXPECT_EQ(m, "Illegal state: Preview scheduler re-entered");
+    bool reported = false;
+    for (const std::string& line : host.GetCriticalLog()) {
+        reported |= line.find("Preview scheduler re-entered under its queue lock in Submit") !=
+                    std::string::npos;
+    }
+    EXPECT_TRUE(reported);
+    EXPECT_TRUE(otherRec.Copy().empty());
 }
 
 // Many threads submit, cancel, drop and resubmit on the one-thread queue: the calls of one

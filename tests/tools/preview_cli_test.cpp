@@ -1,21 +1,46 @@
 // quorv preview through the built command line, render module and provider module.
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "common/test_support.h"
+#include "quorv/image.h"
+#include "quorv/ref.h"
+#include "quorv/url.h"
 
 namespace quorv {
 namespace {
 
 using Json = nlohmann::json;
 
-std::string Cli() {
-    return std::string(QUORV_CLI_PATH) + " --module " + QUORV_MODULE_PATH +
+// `global` goes before the subcommand: --threads, --config.
+std::string Cli(const std::string& global = "") {
+    return std::string(QUORV_CLI_PATH) + " " + global + " --module " + QUORV_MODULE_PATH +
            " preview --providers-module " + QUORV_PREVIEWPROVIDERS_MODULE_PATH + " ";
+}
+
+// The samples of an EXR picture as the host's image loader reads them (the file also holds its
+// time of writing); empty when it cannot be read.
+std::vector<Float32> ReadPicture(const std::filesystem::path& path) {
+    Result<Url> url = Url::FromText(path.string());
+    if (url.IsError()) return {};
+    Result<ImageTextureObject*> loaded =
+        ImageTextureInterface::Load(url.GetValue().GetObject(), 0.0, nullptr, nullptr);
+    if (loaded.IsError()) return {};
+    Ref<ImageTextureObject> picture = Ref<ImageTextureObject>::Adopt(loaded.GetValue());
+    const ImageObject* image = ImageTextureInterface::GetFirstImage(picture.Get());
+    const Int w = ImageInterface::GetWidth(image), h = ImageInterface::GetHeight(image);
+    Result<PixelReadHandler*> handler =
+        ImageInterface::GetPixelHandler(image, FindPixelFormat("rgba.f32"), nullptr);
+    if (handler.IsError()) return {};
+    Ref<PixelReadHandler> read = Ref<PixelReadHandler>::Adopt(handler.GetValue());
+    std::vector<Float32> samples(static_cast<size_t>(w * h * 4));
+    for (Int y = 0; y < h; ++y) read->read(read.Get(), 0, y, w, samples.data() + y * w * 4);
+    return samples;
 }
 
 std::vector<std::string> Lines(const std::string& out) {
@@ -187,6 +212,18 @@ TEST_F(PreviewCli, RunAnswersEachLineAndPrintsEvents) {
             if (j.contains("error")) ++errors;
         }
     }
+    // The end of a is answered after its last delivery line (the line comes first, then the
+    // request counts as ended).
+    const std::vector<std::string> all = Lines(out);
+    Int lastOfA = -1, waitedA = -1;
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].find(R"("event":"delivered")") != std::string::npos &&
+            all[i].find(R"("name":"a")") != std::string::npos) {
+            lastOfA = Int(i);
+        }
+        if (all[i] == R"({"ended":true,"waited":"a"})") waitedA = Int(i);
+    }
+    EXPECT_LT(lastOfA, waitedA) << out;
     EXPECT_EQ(deliveredA, 2) << out;
     EXPECT_EQ(deliveredB, 3) << "b cancelled before it ran, then submitted again: " << out;
     ASSERT_EQ(answers.size(), 14u) << out;
@@ -203,6 +240,126 @@ TEST_F(PreviewCli, RunAnswersEachLineAndPrintsEvents) {
     ASSERT_EQ(timeline.size(), 4u) << out;
     EXPECT_EQ(timeline[1].rfind("a ", 0), 0u);
     EXPECT_NE(timeline[1].find('|'), std::string::npos) << timeline[1];
+}
+
+// The job system's width (--threads) sizes the preview queue (its width less one, or one with
+// "g_useonethreadtorenderpreview") and the number of tasks per level (half the queue, at least
+// one, at most eight); the provider is told the queue's width; the ball's pictures are the same
+// to the bit whatever the width.
+TEST_F(PreviewCli, TheJobSystemWidthSizesTheQueueAndChangesNoBit) {
+    struct Row {
+        std::string global;
+        int queueThreads;  // written out: max(threads, 2) - 1, or 1
+        int limit;         // min(max(queueThreads / 2, 1), 8)
+    };
+    const std::vector<Row> rows = {
+        {"--threads 1", 1, 1},   {"--threads 2", 1, 1},
+        {"--threads 4", 3, 1},   {"--threads 5", 4, 2},
+        {"--threads 40", 39, 8}, {"--threads 40 --config g_useonethreadtorenderpreview=true", 1, 1},
+    };
+    std::vector<Float32> reference;
+    for (size_t k = 0; k < rows.size(); ++k) {
+        const Row& row = rows[k];
+        const std::filesystem::path picture = dir / ("ball" + std::to_string(k) + ".exr");
+        int status = -1;
+        const std::string out = test::RunCommand(
+            Cli(row.global) +
+                "render --provider materialball --size 24x16 --no-progress "
+                "--param net.quorv.previewproviders.materialball.iterations=4 -o " +
+                picture.string(),
+            &status);
+        ASSERT_EQ(status, 0) << row.global << "\n" << out;
+        const std::vector<std::string> lines = Lines(out);
+        ASSERT_EQ(lines.size(), 4u) << out;
+        for (const std::string& l : lines) {
+            EXPECT_EQ(Json::parse(l)["metadata"]["net.quorv.previewproviders.materialball.threads"],
+                      row.queueThreads)
+                << row.global;
+        }
+        const std::vector<Float32> samples = ReadPicture(picture);
+        ASSERT_EQ(samples.size(), 24u * 16u * 4u) << picture;
+        if (k == 0) reference = samples;
+        EXPECT_EQ(std::memcmp(samples.data(), reference.data(), samples.size() * sizeof(Float32)),
+                  0)
+            << row.global << ": the picture differs";
+
+        // limit + 1 gated requests: the scheduler starts `limit` iterations, the rest waits.
+        const std::string input = dir / ("limit" + std::to_string(k) + ".jsonl");
+        {
+            std::ofstream f(input);
+            for (int i = 0; i <= row.limit; ++i) {
+                f << R"({"op":"submit","name":"r)" << i
+                  << R"(","provider":"scripted","size":[2,2],"gate":"g","params":{"net.quorv.previewproviders.scripted.count":1}})"
+                  << "\n";
+            }
+            f << R"({"op":"queues"})"
+              << "\n"
+              << R"({"op":"open","gate":"g"})"
+              << "\n"
+              << R"({"op":"wait"})"
+              << "\n";
+        }
+        const std::string runOut = test::RunCommand(Cli(row.global) + "run < " + input, &status);
+        ASSERT_EQ(status, 0) << runOut;
+        bool listed = false;
+        int delivered = 0;
+        for (const std::string& l : Lines(runOut)) {
+            const Json j = Json::parse(l);
+            if (j.contains("event")) ++delivered;
+            if (!j.contains("queues")) continue;
+            for (const Json& q : j["queues"]) {
+                if (q["name"] != "Preview Image Queue") continue;
+                listed = true;
+                EXPECT_EQ(q["threads"], row.queueThreads) << row.global;
+                EXPECT_EQ(q["queued"].get<int>() + q["running"].get<int>(), row.limit)
+                    << row.global << ": " << l;
+            }
+        }
+        EXPECT_TRUE(listed) << runOut;
+        EXPECT_EQ(delivered, row.limit + 1) << runOut;
+    }
+}
+
+// After cancelall a submit still answers, but its task never starts: its wait runs out and
+// nothing is delivered. The progress entry goes with the stop.
+TEST_F(PreviewCli, CancelAllStopsEveryTask) {
+    const std::string input = dir / "in.jsonl";
+    std::ofstream(input)
+        << R"({"op":"submit","name":"a","provider":"scripted","size":[2,2],"gate":"g"})"
+        << "\n"
+        << R"({"op":"progress"})"
+        << "\n"
+        << R"({"op":"cancelall","wait":true})"
+        << "\n"
+        << R"({"op":"progress"})"
+        << "\n"
+        << R"({"op":"submit","name":"b","provider":"scripted","size":[2,2],"wait":0.02})"
+        << "\n"
+        << R"({"op":"wait","name":"b","timeout":0.05})"
+        << "\n"
+        << R"({"op":"queues"})"
+        << "\n";
+    int status = -1;
+    const std::string out = test::RunCommand(Cli() + "run < " + input, &status);
+    EXPECT_EQ(status, 0) << out;
+    std::vector<Json> answers;
+    for (const std::string& l : Lines(out)) {
+        const Json j = Json::parse(l);
+        EXPECT_FALSE(j.contains("event")) << "nothing is delivered: " << l;
+        answers.push_back(j);
+    }
+    ASSERT_EQ(answers.size(), 7u) << out;
+    EXPECT_EQ(answers[1]["entries"].size(), 1u) << out;
+    EXPECT_EQ(answers[2], Json::parse(R"({"cancelledAll":true})"));
+    EXPECT_EQ(answers[3]["entries"].size(), 0u) << out;
+    EXPECT_EQ(answers[4], Json::parse(R"({"submitted":"b"})"));
+    EXPECT_EQ(answers[5], Json::parse(R"({"ended":false,"waited":"b"})"));
+    for (const Json& q : answers[6]["queues"]) {
+        if (q["name"] == "Preview Image Queue") {
+            EXPECT_EQ(q["queued"].get<int>() + q["running"].get<int>(), 0) << answers[6];
+        }
+    }
+    EXPECT_EQ(answers[6]["requests"]["b"]["delivered"], 0);
 }
 
 }  // namespace

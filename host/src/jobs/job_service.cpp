@@ -3,6 +3,10 @@
 // started claims it and runs it inline; while the job it waits for runs elsewhere, it pops and
 // runs other pending jobs of that queue, so a waiting worker keeps working instead of starving
 // the pool (and a chain of waits cannot deadlock on a pool that is all waiters).
+//
+// A job passes between threads through libtbb, which the thread sanitizer cannot see into: the
+// marks at enqueue, start, finish and wait state the order the job system gives (nothing in
+// other builds), so races inside job bodies are reported like races anywhere else.
 #include <tbb/concurrent_queue.h>
 #include <tbb/global_control.h>
 #include <tbb/info.h>
@@ -18,16 +22,47 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 #include "host_internal.h"
 #include "quorv/jobs.h"
+#include "tsan_marks.h"
 
 namespace quorv {
 
 // ENQUEUING is held while `Enqueue` attaches the job to its queue; nobody claims it then.
 enum class JOBSTATE : int { NEW = 0, QUEUED = 1, RUNNING = 2, FINISHED = 3, ENQUEUING = 4 };
+
+// Observers of one kind, in the order they were added: the first in place (a job mostly has one
+// of each kind, which then costs no allocation), the others in a vector.
+class ObserverList {
+public:
+    /// Throws `std::bad_alloc` when a second or later observer finds no memory.
+    void Add(JobObserver observer, void* user) {
+        if (!_first.first) {
+            _first = {observer, user};
+        } else {
+            _more.emplace_back(observer, user);
+        }
+    }
+    bool IsEmpty() const { return !_first.first; }
+    void Run(JobObject* job) const {
+        if (!_first.first) return;
+        _first.first(_first.second, job);
+        for (const auto& [observer, user] : _more) observer(user, job);
+    }
+    /// The observers, leaving this list empty.
+    ObserverList Take() {
+        ObserverList taken;
+        std::swap(taken._first, _first);
+        taken._more.swap(_more);
+        return taken;
+    }
+
+private:
+    std::pair<JobObserver, void*> _first{nullptr, nullptr};
+    std::vector<std::pair<JobObserver, void*>> _more;
+};
 
 struct alignas(16) JobObject {
     std::atomic<Int> references{1};
@@ -46,8 +81,11 @@ struct alignas(16) JobObject {
     std::mutex mutex;
     std::condition_variable finished;
     Result<void> result = OK;  // written before the state becomes FINISHED
-    std::vector<std::pair<JobObserver, void*>> cancelledObservers;
-    std::vector<std::pair<JobObserver, void*>> finishedObservers;
+    ObserverList cancelledObservers;
+    ObserverList finishedObservers;
+    // Neighbours in its queue's list of live jobs (under the queue's mutex).
+    JobObject* livePrevious = nullptr;
+    JobObject* liveNext = nullptr;
 };
 
 struct JobQueueObject {
@@ -63,7 +101,25 @@ struct JobQueueObject {
     tbb::concurrent_queue<JobObject*> pending;
     std::mutex mutex;
     std::condition_variable idle;
-    std::unordered_set<JobObject*> live;  // queued or running, each holding a reference
+    // Queued or running jobs, each holding a reference: a list through the jobs themselves, so
+    // that a job joins and leaves it without an allocation.
+    JobObject* live = nullptr;
+
+    void AddLive(JobObject* job) {
+        job->livePrevious = nullptr;
+        job->liveNext = live;
+        if (live) live->livePrevious = job;
+        live = job;
+    }
+    void RemoveLive(JobObject* job) {
+        if (job->livePrevious) {
+            job->livePrevious->liveNext = job->liveNext;
+        } else if (live == job) {
+            live = job->liveNext;
+        }
+        if (job->liveNext) job->liveNext->livePrevious = job->livePrevious;
+        job->livePrevious = job->liveNext = nullptr;
+    }
 };
 
 }  // namespace quorv
@@ -73,13 +129,17 @@ namespace quorv::host {
 namespace {
 
 thread_local JobObject* t_currentJob = nullptr;
-// Jobs whose cancelled observers run on this thread right now, innermost first (an observer
-// may cancel and wait for the queue of its own job).
-struct CancelFrame {
+// Jobs whose cancelled observers, and jobs whose finished observers, run on this thread right
+// now, innermost first: an observer may cancel and wait for the queue of its own job, which is
+// still live then.
+struct ObserverFrame {
     const JobObject* job;
-    const CancelFrame* outer;
+    const ObserverFrame* outer;
 };
-thread_local const CancelFrame* t_cancelFrames = nullptr;
+thread_local const ObserverFrame* t_cancelFrames = nullptr;
+thread_local const ObserverFrame* t_finishFrames = nullptr;
+// The queue whose arena task runs on this thread, if any.
+thread_local const JobQueueObject* t_arenaQueue = nullptr;
 std::atomic<Int> g_exclusiveWaiters{0};
 
 // ---- worker threads ---------------------------------------------------------------------------
@@ -171,21 +231,17 @@ JobObject* GetCurrentJob() { return t_currentJob; }
 
 Bool IsCurrentJobCancelled() { return IsCancelled(t_currentJob); }
 
-void RunObservers(const std::vector<std::pair<JobObserver, void*>>& observers, JobObject* job) {
-    for (const auto& [observer, user] : observers) observer(user, job);
-}
-
 void Cancel(JobObject* job) {
     if (!job || job->cancelled.exchange(true, std::memory_order_acq_rel)) return;
-    std::vector<std::pair<JobObserver, void*>> observers;
+    ObserverList observers;
     {
         std::lock_guard<std::mutex> lock(job->mutex);
-        observers.swap(job->cancelledObservers);
+        observers = job->cancelledObservers.Take();
     }
-    if (!observers.empty()) {
-        const CancelFrame frame{job, t_cancelFrames};
+    if (!observers.IsEmpty()) {
+        const ObserverFrame frame{job, t_cancelFrames};
         t_cancelFrames = &frame;
-        RunObservers(observers, job);
+        observers.Run(job);
         t_cancelFrames = frame.outer;
     }
     {
@@ -196,19 +252,26 @@ void Cancel(JobObject* job) {
 }
 
 void Finish(JobObject* job, Result<void> result) {
-    std::vector<std::pair<JobObserver, void*>> observers;
+    // What the body did happens before the waiters and the finished observers.
+    TsanRelease(job);
+    ObserverList observers;
     {
         std::lock_guard<std::mutex> lock(job->mutex);
         job->result = std::move(result);
         job->state.store(JOBSTATE::FINISHED, std::memory_order_release);
-        observers.swap(job->finishedObservers);
+        observers = job->finishedObservers.Take();
     }
     job->finished.notify_all();
-    RunObservers(observers, job);
+    if (!observers.IsEmpty()) {
+        const ObserverFrame frame{job, t_finishFrames};
+        t_finishFrames = &frame;
+        observers.Run(job);
+        t_finishFrames = frame.outer;
+    }
     if (JobQueueObject* queue = job->queue.load(std::memory_order_acquire)) {
         {
             std::lock_guard<std::mutex> lock(queue->mutex);
-            queue->live.erase(job);
+            queue->RemoveLive(job);
         }
         // A waiter may wait for all jobs but those of its own thread: every end may be the last.
         queue->idle.notify_all();
@@ -223,6 +286,7 @@ bool TryRun(JobObject* job) {
     do {
         if (s != JOBSTATE::NEW && s != JOBSTATE::QUEUED) return false;
     } while (!job->state.compare_exchange_weak(s, JOBSTATE::RUNNING, std::memory_order_acq_rel));
+    TsanAcquire(job);  // what the enqueuer did before `Enqueue`
     Result<void> result = OK;
     if (IsCancelled(job)) {
         result = OperationCancelledError(QUORV_SOURCE_LOCATION);
@@ -272,6 +336,32 @@ void DrainDefaultQueueAtExit() {
     for (JobObject* j : unfinished) q.pending.push(j);
 }
 
+// What the arena runs for each pending entry. oneTBB copies it into a task of its own and hands
+// that to a worker inside libtbb; the queue pointer is written and read atomically (release,
+// acquire), so the thread sanitizer sees the enqueuer's work happen before the worker's.
+class ArenaTask {
+public:
+    explicit ArenaTask(JobQueueObject* queue) { Set(queue); }
+    ArenaTask(const ArenaTask& other) { Set(other.Get()); }
+    ArenaTask& operator=(const ArenaTask&) = delete;
+    void operator()() const {
+        JobQueueObject& q = *Get();
+        const JobQueueObject* outer = std::exchange(t_arenaQueue, &q);
+        RunOnePending(q);
+        t_arenaQueue = outer;
+        q.arenaTasks.fetch_sub(1, std::memory_order_release);
+    }
+
+private:
+    JobQueueObject* Get() const {
+        return std::atomic_ref<JobQueueObject*>(_queue).load(std::memory_order_acquire);
+    }
+    void Set(JobQueueObject* queue) {
+        std::atomic_ref<JobQueueObject*>(_queue).store(queue, std::memory_order_release);
+    }
+    mutable JobQueueObject* _queue;  // only through `Get` and `Set`
+};
+
 Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
     if (!job) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Job missing");
     JOBSTATE expected = JOBSTATE::NEW;
@@ -281,24 +371,19 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
                          "Job enqueued twice or already run");
     }
     JobQueueObject& q = queue ? *queue : DefaultQueue();
-    try {
+    {
         std::lock_guard<std::mutex> lock(q.mutex);
-        q.live.insert(job);
-    } catch (...) {
-        job->state.store(JOBSTATE::NEW, std::memory_order_release);
-        return OutOfMemoryError();
+        q.AddLive(job);
     }
     AddJobReference(job);  // the queue's, dropped when the job ends
     job->queue.store(&q, std::memory_order_relaxed);
+    TsanRelease(job);
     job->state.store(JOBSTATE::QUEUED, std::memory_order_release);
     try {
         AddJobReference(job);  // the pending entry's
         q.pending.push(job);
         q.arenaTasks.fetch_add(1, std::memory_order_relaxed);
-        q.arena.enqueue([&q] {
-            RunOnePending(q);
-            q.arenaTasks.fetch_sub(1, std::memory_order_release);
-        });
+        q.arena.enqueue(ArenaTask(&q));
     } catch (...) {
         // The job stays queued; a waiter runs it inline.
         return OutOfMemoryError();
@@ -312,8 +397,10 @@ Bool IsFinished(const JobObject* job) {
 
 Bool Wait(JobObject* job, Float64 timeoutSeconds) {
     if (!job) return true;
-    if (IsFinished(job)) return true;
-    if (TryRun(job)) return true;
+    if (IsFinished(job) || TryRun(job)) {
+        TsanAcquire(job);  // what the body did, on whichever thread
+        return true;
+    }
     using Clock = std::chrono::steady_clock;
     const bool unbounded = !(timeoutSeconds < 1e9);
     const Clock::time_point deadline =
@@ -329,6 +416,7 @@ Bool Wait(JobObject* job, Float64 timeoutSeconds) {
         Clock::time_point until = std::min(deadline, Clock::now() + std::chrono::milliseconds(2));
         job->finished.wait_until(lock, until, [job] { return IsFinished(job); });
     }
+    TsanAcquire(job);
     return true;
 }
 
@@ -351,8 +439,7 @@ Result<void> AddObserver(JobObject* job, JobObserver observer, void* user, bool 
                      : job->state.load(std::memory_order_acquire) == JOBSTATE::FINISHED;
         if (!happened) {
             try {
-                (onCancel ? job->cancelledObservers : job->finishedObservers)
-                    .emplace_back(observer, user);
+                (onCancel ? job->cancelledObservers : job->finishedObservers).Add(observer, user);
             } catch (...) {
                 return OutOfMemoryError();
             }
@@ -379,6 +466,10 @@ Int GetExclusiveWaiterCount() { return g_exclusiveWaiters.load(std::memory_order
 
 // ---- queues ---------------------------------------------------------------------------------
 
+// The private queues alive, for listing.
+std::mutex g_queuesMutex;
+std::vector<JobQueueObject*> g_queues;
+
 JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, const char* name,
                            const SourceLocation&) {
     const int threads = static_cast<int>(std::clamp<Int>(threadCount, 1, 256));
@@ -388,7 +479,10 @@ JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, con
     JobQueueObject* queue = nullptr;
     try {
         queue = new JobQueueObject(threads, priority, name ? name : "");
+        std::lock_guard<std::mutex> lock(g_queuesMutex);
+        g_queues.push_back(queue);
     } catch (...) {
+        delete queue;
         return nullptr;
     }
     ReserveWorkers(threads);
@@ -399,7 +493,7 @@ JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, con
 bool SnapshotLive(JobQueueObject& q, std::vector<JobObject*>& jobs) {
     std::lock_guard<std::mutex> lock(q.mutex);
     try {
-        jobs.assign(q.live.begin(), q.live.end());
+        for (JobObject* j = q.live; j; j = j->liveNext) jobs.push_back(j);
     } catch (...) {
         return false;
     }
@@ -422,7 +516,7 @@ void CancelQueue(JobQueueObject* queue) {
         JobObject* next = nullptr;
         {
             std::lock_guard<std::mutex> lock(q.mutex);
-            for (JobObject* j : q.live) {
+            for (JobObject* j = q.live; j; j = j->liveNext) {
                 if (!j->cancelled.load(std::memory_order_acquire)) {
                     next = j;
                     AddJobReference(j);
@@ -436,16 +530,20 @@ void CancelQueue(JobQueueObject* queue) {
     }
 }
 
-// True when `job` runs on the calling thread (its own job, or one a waiter of it ran inline).
+// True when `job` runs on the calling thread: its own job, one a waiter of it ran inline, or a
+// job whose finished observers this thread runs.
 bool RunsOnThisThread(const JobObject* job) {
     for (const JobObject* j = t_currentJob; j; j = j->outerOnThread) {
         if (j == job) return true;
+    }
+    for (const ObserverFrame* f = t_finishFrames; f; f = f->outer) {
+        if (f->job == job) return true;
     }
     return false;
 }
 
 bool CancelObserversRunHere(const JobObject* job) {
-    for (const CancelFrame* f = t_cancelFrames; f; f = f->outer) {
+    for (const ObserverFrame* f = t_cancelFrames; f; f = f->outer) {
         if (f->job == job) return true;
     }
     return false;
@@ -470,7 +568,7 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     // a job of this queue that cancels its own queue must not wait for itself. Jobs cancelled
     // before they started still pass through the arena (or this thread) to end.
     auto othersEnded = [&q] {
-        for (JobObject* j : q.live) {
+        for (const JobObject* j = q.live; j; j = j->liveNext) {
             if (!RunsOnThisThread(j)) return false;
         }
         return true;
@@ -483,14 +581,40 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     }
 }
 
-void FreeQueue(JobQueueObject* queue) {
-    if (!queue || queue == &DefaultQueue()) return;
-    CancelAndWaitQueue(queue);
+// The end of a free: once every arena task of the queue has returned, the arena and the queue go.
+void FinishFreeingQueue(JobQueueObject* queue) {
     // Arena tasks whose job a waiter ran still hold the queue; let them return first.
     while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
     queue->arena.terminate();
     ReleaseWorkers(queue->threadCount);
     delete queue;
+}
+
+Result<void> FinishFreeingQueueJob(void* queue) {
+    FinishFreeingQueue(static_cast<JobQueueObject*>(queue));
+    return OK;
+}
+
+void FreeQueue(JobQueueObject* queue) {
+    if (!queue || queue == &DefaultQueue()) return;
+    {
+        std::lock_guard<std::mutex> lock(g_queuesMutex);
+        g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
+    }
+    CancelAndWaitQueue(queue);
+    if (t_arenaQueue != queue) {
+        FinishFreeingQueue(queue);
+        return;
+    }
+    // Freed from inside one of its own jobs (its last holder let go of it there, in a finished
+    // observer say): the arena task running on this thread cannot be waited for here. A job of
+    // the job system's own queue waits for it and ends the free.
+    JobObject* job =
+        AllocJob(&FinishFreeingQueueJob, queue, nullptr, nullptr, QUORV_SOURCE_LOCATION);
+    if (!job || Enqueue(job, nullptr).IsError()) {
+        HostCriticalOutput("A job queue freed from its own job is left behind: out of memory");
+    }
+    RemoveJobReference(job);
 }
 
 Int GetThreadCount(const JobQueueObject* queue) {
@@ -524,6 +648,24 @@ const JobQueueInterface::Slots g_queueSlots{
 };
 
 }  // namespace
+
+std::vector<JobQueueListing> ListJobQueueEntries() {
+    std::vector<JobQueueListing> out;
+    auto add = [&out](JobQueueObject& q) {
+        JobQueueListing l{q.name, q.threadCount, 0, 0};
+        std::lock_guard<std::mutex> lock(q.mutex);
+        // A finished job stays live while its finished observers run: it counts as running.
+        for (const JobObject* j = q.live; j; j = j->liveNext) {
+            const JOBSTATE s = j->state.load(std::memory_order_acquire);
+            ++(s == JOBSTATE::RUNNING || s == JOBSTATE::FINISHED ? l.running : l.queued);
+        }
+        out.push_back(std::move(l));
+    };
+    add(DefaultQueue());
+    std::lock_guard<std::mutex> lock(g_queuesMutex);
+    for (JobQueueObject* q : g_queues) add(*q);
+    return out;
+}
 
 Int JobSystemThreadCount() {
     const Int n = g_jobSystemThreads.load(std::memory_order_acquire);

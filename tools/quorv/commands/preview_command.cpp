@@ -51,7 +51,8 @@ are printed as they come, as {"event":"delivered","name":N,"index":i,"count":c,"
   {"op":"wait","name":N?,"timeout":seconds?}  until N (or every request) has ended
   {"op":"cancelall","wait":b}  stops the whole scheduler (no task starts again)
   {"op":"progress"}         the background progress entries
-  {"op":"queues"}           job system width, preview settings and every request's state
+  {"op":"queues"}           job system width, preview settings, every job queue (threads,
+                            jobs queued and running) and every request's state
   {"op":"open","gate":G}    opens gate G; a scripted request given "gate":G waits for it
 Provider ids may be shortened to "materialball" or "scripted". Numbers read back to the same
 bits. A bad line gives {"error": "..."} and the run goes on.)";
@@ -775,9 +776,19 @@ private:
             if (!t) continue;
             requests[name] = {{"delivered", t->delivered}, {"ended", t->ended}};
         }
+        // The job queues as the host sees them; the preview queue's running jobs are the
+        // scheduler's running iterations (its per-level limit stays inside the render module).
+        Json queues = Json::array();
+        for (const host::JobQueueListing& q : host::Host::Get().ListJobQueues()) {
+            queues.push_back({{"name", q.name},
+                              {"threads", q.threads},
+                              {"queued", q.queued},
+                              {"running", q.running}});
+        }
         return Json{{"jobSystemThreads", JobQueueInterface::GetThreadCount(nullptr)},
                     {"g_useonethreadtorenderpreview", oneThread},
                     {"queue", nodes::PREVIEW_JOB_QUEUE_NAME},
+                    {"queues", queues},
                     {"requests", requests}};
     }
 
@@ -789,23 +800,31 @@ private:
                 continue;
             }
             std::shared_ptr<TrackedRequest> t;
+            Clock::time_point submitted = _start;
+            std::string output;
             {
                 std::lock_guard<std::mutex> l(_m);
                 auto it = _requests.find(e.name);
                 if (it != _requests.end()) t = it->second;
                 if (t) {
-                    t->deliveries.push_back(e.time);
-                    ++t->delivered;
-                    RecordComputations(*t, e);
-                    if (!e.ok || e.index + 1 >= e.count) {
-                        t->ended = true;
-                        t->endTime = e.time;
-                    }
+                    submitted = t->submitted;
+                    output = t->output;
+                }
+            }
+            // The line and the pictures first: a `wait` that hears of the end finds them there.
+            WriteOutputLine(Line(EventJson(e, submitted, true)));
+            if (t && e.ok) WriteEventPictures(e, output);
+            if (t) {
+                std::lock_guard<std::mutex> l(_m);
+                t->deliveries.push_back(e.time);
+                ++t->delivered;
+                RecordComputations(*t, e);
+                if (!e.ok || e.index + 1 >= e.count) {
+                    t->ended = true;
+                    t->endTime = e.time;
                 }
             }
             _changed.notify_all();
-            WriteOutputLine(Line(EventJson(e, t ? t->submitted : _start, true)));
-            if (t && e.ok) WriteEventPictures(e, t->output);
         }
     }
 

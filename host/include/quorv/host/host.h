@@ -59,12 +59,12 @@ QUORV_HOST_API std::string GetResourceDirectory();
 
 /// One loaded module (or the host's own binary).
 struct LoadedModule {
-    std::string path;               ///< library path; empty for the host's own binary
-    void* handle = nullptr;         ///< dlopen handle
+    std::string path;        ///< library path; empty for the host's own binary
+    void* handle = nullptr;  ///< dlopen handle
     QuorvModuleInfo* info = nullptr;
     CpuYieldDelegate* yieldDelegate = nullptr;
     ConfigurationTable* configuration = nullptr;
-    std::vector<std::string> withheld;  ///< interfaces left unbound for this module
+    std::vector<std::string> withheld;        ///< interfaces left unbound for this module
     std::vector<EntityBase*> definitionsRun;  ///< classes and initializations, in run order
 };
 
@@ -88,6 +88,15 @@ struct ConfigurationListing {
     std::string help;
     CONFIGTYPE type;
     std::string value;
+};
+
+/// A job queue, for listing: its jobs that wait for a worker, and those that run (their body or,
+/// once it has returned, their finished observers; a job a waiter runs inline counts too).
+struct JobQueueListing {
+    std::string name;  ///< "default" for the job system's own queue
+    Int threads;
+    Int queued;
+    Int running;
 };
 
 class Host;
@@ -132,6 +141,8 @@ public:
     Result<void> CheckConfiguration() const;
 
     std::vector<RegistryListing> ListRegistries() const;
+    /// The job system's queue, then every private job queue alive.
+    std::vector<JobQueueListing> ListJobQueues() const;
     std::vector<DataTypeListing> ListDataTypes() const;
     /// Module ids of every loaded binary, in chain order.
     std::vector<std::string> ListModuleIds() const;
