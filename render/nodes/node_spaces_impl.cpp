@@ -351,22 +351,21 @@ const bool g_helpersDefined = [] {
 
 }  // namespace
 
-void DeactivateMaterialParameterCache() {
-    MaterialParameterCache& cache = Cache();
-    decltype(cache.map) released;
-    {
-        ScopedSpinLock lock(cache.lock);
-        cache._isActive = false;
-        released.swap(cache.map);
-    }
-}
+namespace {
 
-void StartMaterialParameterCache() {
+// Empties the cache and sets its flag; the dictionaries are released after the lock.
+void ResetCache(Bool active) {
     MaterialParameterCache& cache = Cache();
     decltype(cache.map) released;
     ScopedSpinLock lock(cache.lock);
-    cache._isActive = true;
+    cache._isActive = active;
     released.swap(cache.map);
 }
+
+}  // namespace
+
+void DeactivateMaterialParameterCache() { ResetCache(false); }
+
+void StartMaterialParameterCache() { ResetCache(true); }
 
 }  // namespace quorv::nodes

@@ -19,18 +19,23 @@ struct IdEqual {
     bool operator()(const Id& a, const Id& b) const { return a == b; }
 };
 
-// Renderer names live as long as the process: a name pointer read without the lock stays
+// Renderer names live as long as the module: a name pointer read without the lock stays
 // valid whatever a writer does next, so unlocked readers are race-free. A map entry is never
 // removed either (the synchronised map keeps entries put); erasing clears its name pointer.
 // Each name is published whole, once, by compare-and-swap: the text is never written after
-// another thread can see it.
+// another thread can see it. The pool goes when the module's storage does (after the free step
+// released every renderer state, when no call is in flight).
 struct NameSlot {
     std::atomic<const std::string*> text{nullptr};
+    NameSlot() = default;
+    NameSlot(const NameSlot&) = delete;
+    NameSlot& operator=(const NameSlot&) = delete;
+    ~NameSlot() { delete text.load(std::memory_order_relaxed); }
 };
 using NamePool = SynchronizedHashMap<Id, NameSlot, IdHash, IdEqual>;
 NamePool& Names() {
-    static NamePool* const pool = new NamePool();  // deliberately never freed
-    return *pool;
+    static NamePool pool;
+    return pool;
 }
 
 struct RendererEntry {

@@ -55,6 +55,17 @@ protected:
         return DataDescriptionInterface::GetEntries(d.Get()).GetValue();
     }
     static std::string Message(const ErrorObject* e) { return e && e->message ? e->message : ""; }
+    // The message of loading `id` of category "data", which must fail with an illegal argument.
+    std::string LoadError(const char* id) {
+        Result<DescriptionObject*> r = Load(id, "data");
+        EXPECT_TRUE(r.IsError()) << id;
+        if (r.IsOk()) {
+            DataDescriptionInterface::Free(r.GetValue());
+            return "";
+        }
+        EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
+        return Message(r.GetErrorPointer());
+    }
 
     std::filesystem::path dir;
     std::string id;
@@ -66,15 +77,10 @@ TEST_F(DescriptionFolder, EntriesWithoutIdentifierAreRefusedNamingIdCategoryAndF
     const std::string empty = Write("data/net.quorv.test.emptyid.json",
                                     R"({"entries": [{"net.quorv.description.base.identifier": "k"},
                               {"net.quorv.description.base.identifier": ""}]})");
-    Result<DescriptionObject*> r = Load("net.quorv.test.noid", "data");
-    ASSERT_TRUE(r.IsError());
-    EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
-    EXPECT_EQ(Message(r.GetErrorPointer()),
+    EXPECT_EQ(LoadError("net.quorv.test.noid"),
               "Cannot load description net.quorv.test.noid of category data from " + missing +
                   ": entry 0 has no identifier");
-    Result<DescriptionObject*> e = Load("net.quorv.test.emptyid", "data");
-    ASSERT_TRUE(e.IsError());
-    EXPECT_EQ(Message(e.GetErrorPointer()),
+    EXPECT_EQ(LoadError("net.quorv.test.emptyid"),
               "Cannot load description net.quorv.test.emptyid of category data from " + empty +
                   ": entry 1 has no identifier");
 }
@@ -130,9 +136,7 @@ TEST_F(DescriptionFolder, ADefaultThatDoesNotFitItsTypeNamesEntryAndType) {
         {"net.quorv.description.base.identifier": "ok", "net.quorv.description.data.base.datatype": "int32", "net.quorv.description.data.base.defaultvalue": 1},
         {"net.quorv.description.base.identifier": "bad", "net.quorv.description.data.base.datatype": "int32", "net.quorv.description.data.base.defaultvalue": "one"}
     ]})");
-    Result<DescriptionObject*> r = Load("net.quorv.test.misfit", "data");
-    ASSERT_TRUE(r.IsError());
-    EXPECT_EQ(Message(r.GetErrorPointer()),
+    EXPECT_EQ(LoadError("net.quorv.test.misfit"),
               "Cannot load description net.quorv.test.misfit of category data from " + file +
                   ", entry 1: value \"one\" does not fit data type int32");
 }
@@ -211,15 +215,10 @@ TEST_F(DescriptionFolder, MalformedFilesNameIdCategoryAndFile) {
     };
     for (const Case& c : cases) {
         const std::string file = Write("data/net.quorv.test.bad.json", c.text);
-        Result<DescriptionObject*> r = Load("net.quorv.test.bad", "data");
-        ASSERT_TRUE(r.IsError()) << c.text;
-        EXPECT_EQ(r.GetErrorPointer()->kind, ERRORKIND::ILLEGALARGUMENT);
-        EXPECT_EQ(Message(r.GetErrorPointer()), what + file + ": " + c.why) << c.text;
+        EXPECT_EQ(LoadError("net.quorv.test.bad"), what + file + ": " + c.why) << c.text;
     }
     // An id is a file name, never a path.
-    Result<DescriptionObject*> path = Load("../x", "data");
-    ASSERT_TRUE(path.IsError());
-    EXPECT_EQ(Message(path.GetErrorPointer()),
+    EXPECT_EQ(LoadError("../x"),
               "Cannot load description ../x of category data: the id is not a file name");
 }
 

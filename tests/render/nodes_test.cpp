@@ -824,26 +824,31 @@ TEST(NodeWorldThreads, RendererChurnAgainstReadersAndCallNowObservers) {
     SUCCEED() << calls.load();
 }
 
-// Threads that bring one new name at once: the name is made once and published whole (the
-// thread sanitizer sees a text written while another thread reads or writes it).
+// Threads that bring one new name at once: the name is made once and published whole. The
+// thread sanitizer sees a text written while another thread reads or writes it; nothing between
+// the threads' sends orders them (the ids are made beforehand, the names read afterwards).
 TEST(NodeWorldThreads, ANewNameBroughtByManyThreadsAtOnce) {
     FreeNodeWorld();
     static std::atomic<int> runs{0};
     const std::string prefix = "Name " + std::to_string(runs++) + " of round ";
     constexpr int THREADS = 4, ROUNDS = 300;
+    std::vector<Data> messages;  // [round * THREADS + thread]
+    for (int round = 0; round < ROUNDS; ++round) {
+        const std::string name = prefix + std::to_string(round);
+        for (int t = 0; t < THREADS; ++t) {
+            messages.push_back(Renderer(("r.same." + std::to_string(t)).c_str(), name.c_str()));
+        }
+    }
+    const Id inserted = Id::Intern(nodeworldmessage::RENDERERINSERTED);
     std::barrier start(THREADS);
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
-            const std::string renderer = "r.same." + std::to_string(t);
             for (int round = 0; round < ROUNDS; ++round) {
-                const std::string name = prefix + std::to_string(round);
                 start.arrive_and_wait();
-                EXPECT_TRUE(Send(nodeworldmessage::RENDERERINSERTED,
-                                 Renderer(renderer.c_str(), name.c_str()))
-                                .IsOk());
-                EXPECT_EQ(NodeWorldInterface::GetRendererName(Id::Intern(renderer)).GetValue(),
-                          name);
+                EXPECT_TRUE(
+                    NodeWorldInterface::QuorvMessage(inserted, messages[round * THREADS + t])
+                        .IsOk());
             }
         });
     }
@@ -855,23 +860,36 @@ TEST(NodeWorldThreads, ANewNameBroughtByManyThreadsAtOnce) {
     }
 }
 
+// Observers come and go while SetData walks them. They are added without callNow: a space's
+// data is not read while it is replaced elsewhere (GetData and SetData take no lock).
 TEST(NodeSpaceThreads, SetDataAgainstObserverChurn) {
     NodeSpaceInterface::Ref space = MakeSpace(PLAIN);
     ASSERT_TRUE(space.Init(Dict()).IsOk());
+    std::atomic<Int> last{-1};
+    auto steady = DataChangedObserver::Create([&](const DataDictionary& dd) {
+        const Int v = dd.Get<Int>(Int(1), -2);
+        EXPECT_EQ(v, last.load() + 1) << "each value once, in order";
+        last = v;
+    });
+    ObserverHandleRef kept = space.AddDataChangedObserver(steady.GetValue(), false).GetValue();
     std::atomic<bool> stop{false};
+    std::atomic<Int> churnCalls{0};
     std::thread writer([&] {
         for (int i = 0; i < 2000; ++i) space.SetData(With(Dict(), Int(1), Int(i)));
         stop = true;
     });
     std::thread churn([&] {
-        auto d = DataChangedObserver::Create(
-            [](const DataDictionary& dd) { EXPECT_FALSE(dd.IsNull()); });
+        auto d = DataChangedObserver::Create([&](const DataDictionary&) { ++churnCalls; });
         while (!stop) {
-            ObserverHandleRef h = space.AddDataChangedObserver(d.GetValue(), true).GetValue();
+            ObserverHandleRef h = space.AddDataChangedObserver(d.GetValue(), false).GetValue();
         }
     });
     writer.join();
     churn.join();
+    EXPECT_EQ(last.load(), 1999);
+    kept = {};
+    space.SetData(Dict());
+    EXPECT_EQ(last.load(), 1999) << "a dropped handle ends the subscription";
 }
 
 TEST(NodeWorldThreads, FirstUseOfAStateFromManyThreadsMakesOne) {

@@ -313,14 +313,19 @@ std::string Cell(const Json& j) {
     return j.dump();
 }
 
-int RunSpaces(const GlobalOptions& global, const std::string& file, bool asJson) {
-    if (!StartHost(global)) return 1;
-    LoadedSpaces spaces;
+// Starts the host, registers the description folder and makes the spaces of `file`; false
+// (with the message on stderr) on failure.
+bool Start(const GlobalOptions& global, const std::string& descriptions, const std::string& file,
+           LoadedSpaces& spaces) {
+    if (!StartHost(global) || !RegisterDescriptions(descriptions)) return false;
     Result<void> loaded = spaces.Load(file);
-    if (loaded.IsError()) {
-        PrintError(loaded.GetErrorPointer());
-        return 1;
-    }
+    if (loaded.IsError()) PrintError(loaded.GetErrorPointer());
+    return loaded.IsOk();
+}
+
+int RunSpaces(const GlobalOptions& global, const std::string& file, bool asJson) {
+    LoadedSpaces spaces;
+    if (!Start(global, "", file, spaces)) return 1;
     Json rows = Json::array();
     for (const std::string& id : spaces.Ids()) rows.push_back(SpaceRow(id));
     if (asJson) return WriteOutputLine(Line(rows)) ? 0 : 1;
@@ -411,13 +416,8 @@ Result<Json> ExchangeReport(const NodeSpaceInterface::Ref& space) {
 
 int RunExchange(const GlobalOptions& global, const std::string& file, const std::string& spaceId,
                 const std::string& descriptions, bool asJson) {
-    if (!StartHost(global) || !RegisterDescriptions(descriptions)) return 1;
     LoadedSpaces spaces;
-    Result<void> loaded = spaces.Load(file);
-    if (loaded.IsError()) {
-        PrintError(loaded.GetErrorPointer());
-        return 1;
-    }
+    if (!Start(global, descriptions, file, spaces)) return 1;
     NodeSpaceInterface::Ref space;
     if (!spaceId.empty()) {
         space = spaces.Find(spaceId);
@@ -633,13 +633,8 @@ private:
 
 int RunWorld(const GlobalOptions& global, const std::string& file,
              const std::string& descriptions) {
-    if (!StartHost(global) || !RegisterDescriptions(descriptions)) return 1;
     LoadedSpaces spaces;
-    Result<void> loaded = spaces.Load(file);
-    if (loaded.IsError()) {
-        PrintError(loaded.GetErrorPointer());
-        return 1;
-    }
+    if (!Start(global, descriptions, file, spaces)) return 1;
     WorldSession session(spaces);
     for (const char* kind : {"renderers", "preferences", "nodespace"}) {
         Result<void> r = session.Observe(kind, kind, true, Json::object());
