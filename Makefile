@@ -35,8 +35,10 @@ run: build
 	$(QUORV) preview providers
 	$(QUORV) preview render --provider materialball --size 256x192 -o ball.png --strip ball_strip.png
 	@echo "Wrote ball.png and ball_strip.png (the iterations side by side)"
-	$(QUORV) nodes exchange --descriptions data/nodes
-	$(QUORV) nodes world --descriptions data/nodes < data/nodes/session.jsonl
+	$(QUORV) nodes spaces --spaces data/nodes/spaces.json
+	$(QUORV) nodes exchange --descriptions data/nodes --spaces data/nodes/spaces.json --space net.quorv.nodespace.standard
+	$(QUORV) nodes world --descriptions data/nodes --spaces data/nodes/spaces.json < data/nodes/session.jsonl
+	echo '{"spacename": "net.quorv.nodespace.standard"}' | $(QUORV) --language de nodes world --descriptions data/nodes
 	$(QUORV) media formats
 	$(QUORV) media detect data/ies/example_spot.ies
 	$(QUORV) media import data/ies/example_spot.ies -o example_spot.png

@@ -2,6 +2,7 @@
 // data description databases.
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -289,6 +290,20 @@ void* ClassGetComponentState(const void* instance, const ComponentRecord* compon
     return nullptr;
 }
 
+}  // namespace
+
+Result<void> ForEachComponentOf(
+    const void* instance, const std::function<Result<void>(const ComponentRecord&, Int)>& visit) {
+    if (!instance) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Object missing");
+    const ClassObject* cls = PartsOf(instance).cls;
+    for (const auto& comp : cls->components) {
+        QUORV_RETURN_IF_ERROR(visit(*comp.record, comp.info->offset));
+    }
+    return OK;
+}
+
+namespace {
+
 const ClassInterface::Slots g_classSlots{
     .Alloc = &ClassAlloc,
     .Free = &ClassFree,
@@ -479,6 +494,11 @@ ClassObject* FindRegisteredClass(const LiteralId& id) {
 std::vector<std::pair<std::string, std::string>> ListDatabases() {
     std::lock_guard lock(g_databaseMutex);
     return g_databases;
+}
+
+bool UnregisterDatabase(const std::string& id) {
+    std::lock_guard lock(g_databaseMutex);
+    return std::erase_if(g_databases, [&](const auto& d) { return d.first == id; }) > 0;
 }
 
 void SetModulePathResolver(std::string (*resolver)(const QuorvModuleInfo* info)) {

@@ -1,5 +1,4 @@
-// Data descriptions from JSON files of registered folders, the current language and the
-// warning log.
+// Data descriptions from JSON files of registered folders, and the warning log.
 //
 // A description file is an object {"entries": [ENTRY, ...]}; an entry maps keys to values. The
 // identifier, the data type id and the classification become ids; the default value is typed
@@ -22,10 +21,6 @@ namespace quorv {
 
 struct DescriptionObject {
     std::vector<DataDictionary> entries;
-};
-
-struct LanguageObject {
-    std::string name;
 };
 
 }  // namespace quorv
@@ -215,34 +210,9 @@ DataDictionary GetEntry(const DescriptionObject* d, const LiteralId& identifier)
 
 void FreeDescription(DescriptionObject* d) { RemoveReference(d); }
 
-Result<LanguageObject*> GetCurrentLanguage() {
-    return GuardAllocation([&]() -> Result<LanguageObject*> {
-        LanguageObject* l = NewCountedObject<LanguageObject>(&DeleteCountedObject<LanguageObject>,
-                                                             QUORV_SOURCE_LOCATION);
-        if (!l) return OutOfMemoryError();
-        l->name = GetCurrentLanguageName();
-        return l;
-    });
-}
-
-Int GetLanguageName(const LanguageObject* l, char* buffer, Int capacity) {
-    if (!l) return 0;
-    const Int n = static_cast<Int>(l->name.size());
-    if (buffer && capacity > 0) {
-        const Int m = n < capacity - 1 ? n : capacity - 1;
-        std::memcpy(buffer, l->name.data(), static_cast<size_t>(m));
-        buffer[m] = 0;
-    }
-    return n;
-}
-
-void FreeLanguage(LanguageObject* l) { RemoveReference(l); }
-
 const DataDescriptionDatabaseInterface::Slots g_databaseSlots{.LoadDescription = &LoadDescription};
 const DataDescriptionInterface::Slots g_descriptionSlots{
     .GetEntries = &GetEntries, .GetEntry = &GetEntry, .Free = &FreeDescription};
-const LanguageInterface::Slots g_languageSlots{
-    .GetCurrentLanguage = &GetCurrentLanguage, .GetName = &GetLanguageName, .Free = &FreeLanguage};
 const WarningInterface::Slots g_warningSlots{.WarningOutput = &WarningOutput};
 
 }  // namespace
@@ -250,7 +220,6 @@ const WarningInterface::Slots g_warningSlots{.WarningOutput = &WarningOutput};
 void RegisterDataDescriptionService(Host& host) {
     host.RegisterService<DataDescriptionDatabaseInterface>(g_databaseSlots);
     host.RegisterService<DataDescriptionInterface>(g_descriptionSlots);
-    host.RegisterService<LanguageInterface>(g_languageSlots);
     host.RegisterService<WarningInterface>(g_warningSlots);
 }
 
@@ -270,5 +239,7 @@ Result<void> RegisterDescriptionFolder(const std::string& id, const std::string&
     return DataDescriptionDefinitionDatabaseInterface::RegisterDatabaseWithUrl(
         LiteralId(id.c_str()), url.GetValue().GetObject());
 }
+
+bool UnregisterDescriptionFolder(const std::string& id) { return UnregisterDatabase(id); }
 
 }  // namespace quorv::host

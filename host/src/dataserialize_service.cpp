@@ -23,6 +23,9 @@ struct DescribeStreamObject {
         Int32 flags;
     };
     std::vector<Member> members;
+    /// Added to every described offset: the place of the component being described in its
+    /// object (0 for a plain described type).
+    Int baseOffset = 0;
 };
 
 }  // namespace quorv
@@ -43,7 +46,7 @@ Result<void> DescribeMember(DescribeStreamObject* stream, const char* name, cons
                          FormatMessage("Array member @ without accessor", {name}));
     }
     return GuardAllocation([&]() -> Result<void> {
-        stream->members.push_back({name, typeId, offset, accessor, flags});
+        stream->members.push_back({name, typeId, stream->baseOffset + offset, accessor, flags});
         return OK;
     });
 }
@@ -52,6 +55,28 @@ Result<DescribeStreamObject> Describe(DescribeFunc describe) {
     DescribeStreamObject stream;
     if (!describe) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Describe function missing");
     QUORV_RETURN_IF_ERROR(describe(&stream));
+    return stream;
+}
+
+// The members of every component of an instance's class that describes its own, in component
+// order. A component's error (a class that refuses serialisation) is returned as it is.
+Result<DescribeStreamObject> DescribeObject(const void* instance) {
+    DescribeStreamObject stream;
+    bool described = false;
+    Result<void> r = ForEachComponentOf(
+        instance, [&](const ComponentRecord& component, Int offset) -> Result<void> {
+            if (!component.describeIO) return OK;
+            described = true;
+            stream.baseOffset = offset;
+            return component.describeIO(&stream);
+        });
+    if (r.IsError()) return r.GetError();
+    if (!described) {
+        return MakeError(
+            ERRORKIND::FUNCTIONNOTIMPLEMENTED, QUORV_SOURCE_LOCATION,
+            FormatMessage("Objects of class @ describe no members",
+                          {ClassInterface::GetId(ClassInterface::GetClass(instance)).View()}));
+    }
     return stream;
 }
 
@@ -234,27 +259,42 @@ Result<void> JsonToMember(const DescribeStreamObject::Member& m, const Json& j, 
     return OK;
 }
 
+Result<CStringObject*> WriteMembers(const void* object, const DescribeStreamObject& stream) {
+    Json out = Json::object();
+    for (const auto& m : stream.members) {
+        Result<Json> v = MemberToJson(m, static_cast<const char*>(object));
+        if (v.IsError()) return v.GetError();
+        out[m.name] = std::move(v.GetValue());
+    }
+    std::string text = out.dump();
+    CStringObject* s = CStringInterface::Alloc(QUORV_SOURCE_LOCATION);
+    if (!s) return OutOfMemoryError();
+    AddReference(s);
+    Result<void> set = CStringInterface::SetCString(s, text.data(), static_cast<Int>(text.size()));
+    if (set.IsError()) {
+        RemoveReference(s);
+        return set.GetError();
+    }
+    return s;
+}
+
+Result<void> ReadMembers(void* object, const DescribeStreamObject& stream, const char* text,
+                         Int length) {
+    Json j = Json::parse(text, text + length, nullptr, false);
+    if (j.is_discarded() || !j.is_object()) return FormatError("Text is not a JSON object");
+    for (const auto& m : stream.members) {
+        if (!j.contains(m.name)) continue;
+        QUORV_RETURN_IF_ERROR(JsonToMember(m, j[m.name], static_cast<char*>(object)));
+    }
+    return OK;
+}
+
 Result<CStringObject*> WriteJson(const void* object, DescribeFunc describe) {
     if (!object) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Object missing");
     return GuardAllocation([&]() -> Result<CStringObject*> {
         Result<DescribeStreamObject> stream = Describe(describe);
         if (stream.IsError()) return stream.GetError();
-        Json out = Json::object();
-        for (const auto& m : stream.GetValue().members) {
-            Result<Json> v = MemberToJson(m, static_cast<const char*>(object));
-            if (v.IsError()) return v.GetError();
-            out[m.name] = std::move(v.GetValue());
-        }
-        std::string text = out.dump();
-        CStringObject* s = CStringInterface::Alloc(QUORV_SOURCE_LOCATION);
-        if (!s) return OutOfMemoryError();
-        AddReference(s);
-        Result<void> set = CStringInterface::SetCString(s, text.data(), static_cast<Int>(text.size()));
-        if (set.IsError()) {
-            RemoveReference(s);
-            return set.GetError();
-        }
-        return s;
+        return WriteMembers(object, stream.GetValue());
     });
 }
 
@@ -265,13 +305,27 @@ Result<void> ReadJson(void* object, DescribeFunc describe, const char* text, Int
     return GuardAllocation([&]() -> Result<void> {
         Result<DescribeStreamObject> stream = Describe(describe);
         if (stream.IsError()) return stream.GetError();
-        Json j = Json::parse(text, text + length, nullptr, false);
-        if (j.is_discarded() || !j.is_object()) return FormatError("Text is not a JSON object");
-        for (const auto& m : stream.GetValue().members) {
-            if (!j.contains(m.name)) continue;
-            QUORV_RETURN_IF_ERROR(JsonToMember(m, j[m.name], static_cast<char*>(object)));
-        }
-        return OK;
+        return ReadMembers(object, stream.GetValue(), text, length);
+    });
+}
+
+Result<CStringObject*> WriteObjectJson(const void* instance) {
+    if (!instance) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Object missing");
+    return GuardAllocation([&]() -> Result<CStringObject*> {
+        Result<DescribeStreamObject> stream = DescribeObject(instance);
+        if (stream.IsError()) return stream.GetError();
+        return WriteMembers(instance, stream.GetValue());
+    });
+}
+
+Result<void> ReadObjectJson(void* instance, const char* text, Int length) {
+    if (!instance || (!text && length > 0)) {
+        return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Object or text missing");
+    }
+    return GuardAllocation([&]() -> Result<void> {
+        Result<DescribeStreamObject> stream = DescribeObject(instance);
+        if (stream.IsError()) return stream.GetError();
+        return ReadMembers(instance, stream.GetValue(), text, length);
     });
 }
 
@@ -279,6 +333,8 @@ const DataSerializeInterface::Slots g_slots{
     .DescribeMember = &DescribeMember,
     .WriteJson = &WriteJson,
     .ReadJson = &ReadJson,
+    .WriteObjectJson = &WriteObjectJson,
+    .ReadObjectJson = &ReadObjectJson,
 };
 
 }  // namespace

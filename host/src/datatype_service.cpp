@@ -1,5 +1,4 @@
 // The data type library: one table of every type by id and in registration order.
-#include "quorv/datadescription.h"
 #include "datatype_service.h"
 
 #include <algorithm>
@@ -12,6 +11,8 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "quorv/classes.h"
+#include "quorv/datadescription.h"
 #include "services_impl.h"
 
 namespace quorv::host {
@@ -285,6 +286,7 @@ void CreateBuiltIns() {
     AddBuiltIn<TimeValue, OPS>(g, "TimeValue", K::TUPLE);
     AddBuiltIn<DataDictionary, OPS>(g, "DataDictionary", K::PRIMITIVE);
     AddBuiltIn<IdStringTuple, OPS>(g, "Tuple<Id,String>", K::TUPLE);
+    AddBuiltIn<ObjectRef, BYTES>(g, "ObjectRef", K::PRIMITIVE);
     AddBuiltIn(g, CLASS_DATATYPE_ID, "ClassObject*", K::PRIMITIVE, sizeof(ClassPtr),
                alignof(ClassPtr), &CLASS_OPERATIONS);
 }
@@ -487,6 +489,7 @@ Result<const DataType*> DefineDataTypeFromRecord(DataTypeRecord& record) {
         SetNames(*t, id, record.typeName ? std::string_view(record.typeName) : id);
         t->type.kind = record.kind;
         t->type.operations = ops;
+        t->type.flags |= record.typeFlags & DataType::FLAG_NOCOMPARISON;
         // The operations know the layout; a record that says otherwise is wrong.
         Int size = ops->GetSize ? ops->GetSize(&t->type) : record.size;
         Int alignment = ops->GetAlignment ? ops->GetAlignment(&t->type) : record.alignment;

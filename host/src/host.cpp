@@ -75,6 +75,8 @@ Host& Host::Start(const HostOptions& options) {
     SetResourceOptions(options.resourceDirectory, options.language);
     RegisterResourceService(host);
     RegisterWeakRefService(host);
+    RegisterLockService(host);
+    RegisterGraphService(host);
     RegisterStringConversionService(host);
     RegisterDataSerializeService(host);
     RegisterDataDescriptionService(host);
@@ -150,6 +152,16 @@ void RegisterImplementation(Host::State& state, std::string_view interfaceId, co
     for (Int i = 0; i < count; ++i) {
         s.byName[p] = functions[i];
         p += std::strlen(p) + 1;
+    }
+}
+
+void UnregisterImplementations(Host::State& state,
+                               const std::map<std::string, std::set<void*>>& functions) {
+    for (const auto& [interfaceId, gone] : functions) {
+        auto service = state.services.find(interfaceId);
+        if (service == state.services.end()) continue;
+        std::erase_if(service->second.byName,
+                      [&](const auto& entry) { return gone.count(entry.second) > 0; });
     }
 }
 
@@ -345,5 +357,7 @@ std::vector<std::pair<std::string, std::string>> Host::ListDescriptionDatabases(
 std::vector<std::string> Host::GetCriticalLog() const { return GetCriticalLogCopy(); }
 void Host::ClearCriticalLog() { ClearCriticalLogEntries(); }
 void Host::FailAllocationAfter(Int n) { SetFailCountdown(n); }
+
+bool Host::IsAllocationFailurePending() const { return GetFailCountdown() > 0; }
 
 }  // namespace quorv::host

@@ -2,10 +2,23 @@
 // Private interfaces between the parts of the host: the loader, the service tables and the
 // class and registry services.
 
+#include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "quorv/host/host.h"
+
+namespace quorv {
+
+/// A language of translated texts: its name ("en" ...). Made by `resource::GetCurrentLanguage`,
+/// read by data description loads.
+struct LanguageObject {
+    std::string name;
+};
+
+}  // namespace quorv
 
 namespace quorv::host {
 
@@ -14,6 +27,9 @@ void* FindServiceFunction(Host::State& state, std::string_view interfaceId, cons
 /// Adds the functions of a module's interface implementation to the service tables.
 void RegisterImplementation(Host::State& state, std::string_view interfaceId, const char* names,
                             Int count, void* const* functions);
+/// Removes functions of a module that goes (by interface id) from the service tables.
+void UnregisterImplementations(Host::State& state,
+                               const std::map<std::string, std::set<void*>>& functions);
 bool IsWithheld(const Host::State& state, const std::vector<std::string>& extra,
                 std::string_view interfaceId);
 Result<void> ApplyConfiguration(LoadedModule& module, std::string_view assignment, bool* found);
@@ -36,6 +52,8 @@ bool GetCriticalEcho();
 std::vector<std::string> GetCriticalLogCopy();
 void ClearCriticalLogEntries();
 void SetFailCountdown(Int n);
+/// Allocations left before the one that fails (0: none is set to fail).
+Int GetFailCountdown();
 
 // ---- text, loops, serialisation --------------------------------------------------------------
 void RegisterLexerService(Host& host);
@@ -53,6 +71,10 @@ void RegisterConditionVariableService(Host& host);
 void RegisterProgressService(Host& host);
 void RegisterResourceService(Host& host);
 void RegisterWeakRefService(Host& host);
+/// Reader-writer locks on std::shared_mutex.
+void RegisterLockService(Host& host);
+/// Graph attributes (`GraphLibInterface::CreateAttribute`).
+void RegisterGraphService(Host& host);
 /// Sets the resource folder (empty: `<exe dir>/../resources`) and the language ("en").
 void SetResourceOptions(const std::string& directory, const std::string& language);
 /// The text of `key` in `directory`/strings/`language`/`resourceId`.json (falling back to
@@ -86,9 +108,15 @@ void RemoveDeclaredKeys(const QuorvModuleInfo& info);
 /// OK when `key` is not declared or a binary declared it with `type`; else an illegal-argument
 /// error naming the key and both types.
 Result<void> CheckDeclaredKeyType(const DataDictionaryKey& key, const DataType* type);
+/// Calls `visit` with each component of the instance's class and the offset of its state, in
+/// component order; stops at the first error and returns it.
+Result<void> ForEachComponentOf(
+    const void* instance, const std::function<Result<void>(const ComponentRecord&, Int)>& visit);
 /// A registered class by id, searched in all registries; null when none.
 ClassObject* FindRegisteredClass(const LiteralId& id);
 std::vector<std::pair<std::string, std::string>> ListDatabases();
+/// Forgets the databases registered under `id`; true when there was one.
+bool UnregisterDatabase(const std::string& id);
 /// Module path by module info, for `application::PrivateGetUrl`.
 void SetModulePathResolver(std::string (*resolver)(const QuorvModuleInfo* info));
 

@@ -110,6 +110,21 @@ std::vector<TranslationUnitRecord*> OrderUnits(const QuorvModuleInfo& info) {
     return order;
 }
 
+// The functions of the interfaces a module implements, by interface id.
+std::map<std::string, std::set<void*>> ImplementedFunctions(const QuorvModuleInfo& info) {
+    std::map<std::string, std::set<void*>> out;
+    ForEachUnit(info, [&](TranslationUnitRecord& unit) {
+        ForEachRecord(unit, [&](EntityBase& r) {
+            if (r.GetType() != EntityBase::TYPE::NONVIRTUAL_INTERFACE) return;
+            auto& nv = static_cast<NonVirtualInterfaceRecord&>(r);
+            if (!nv.implementation) return;
+            std::set<void*>& functions = out[std::string(nv.id.View())];
+            for (Int i = 0; i < nv.count; ++i) functions.insert(nv.implementation[i]);
+        });
+    });
+    return out;
+}
+
 std::string ModulePathOf(const QuorvModuleInfo* info) {
     for (const auto& m : Host::Get().GetModules()) {
         if (m->info == info) return m->path;
@@ -299,6 +314,24 @@ void Host::UnloadModule(LoadedModule* module) {
     }
     module->definitionsRun.clear();
     RemoveDeclaredKeys(*module->info);
+    // The interfaces the module implements go with it: other binaries' slots bound to them
+    // answer with their stubs again, and a later load of the module binds them anew.
+    const std::map<std::string, std::set<void*>> gone = ImplementedFunctions(*module->info);
+    UnregisterImplementations(*_state, gone);
+    for (auto& other : _modules) {
+        if (other.get() == module) continue;
+        ForEachUnit(*other->info, [&](TranslationUnitRecord& unit) {
+            ForEachRecord(unit, [&](EntityBase& r) {
+                if (r.GetType() != EntityBase::TYPE::NONVIRTUAL_INTERFACE) return;
+                auto& nv = static_cast<NonVirtualInterfaceRecord&>(r);
+                auto functions = gone.find(std::string(nv.id.View()));
+                if (!nv.slots || !nv.stubFiller || functions == gone.end()) return;
+                for (Int i = 0; i < nv.count; ++i) {
+                    if (functions->second.count(nv.slots[i])) nv.slots[i] = nv.stubFiller(&nv, i);
+                }
+            });
+        });
+    }
     ForEachUnit(*module->info, [&](TranslationUnitRecord& unit) {
         ForEachRecord(unit, [&](EntityBase& r) {
             if (r.GetType() == EntityBase::TYPE::DATATYPE) {

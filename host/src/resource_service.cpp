@@ -1,5 +1,7 @@
 // Translated texts from JSON files of the resource folder: strings/LANGUAGE/RESOURCEID.json,
-// an object of key and text. A language without the file falls back to "en".
+// an object of key and text. A language without the file falls back to "en". The current
+// language, as an object that data description loads take.
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -45,9 +47,35 @@ Result<std::string> LoadResourceString(const char* resourceId, const char* key) 
     return LoadResourceStringFrom(directory, language, resourceId, key);
 }
 
+Result<LanguageObject*> GetCurrentLanguage() {
+    return GuardAllocation([&]() -> Result<LanguageObject*> {
+        LanguageObject* l = NewCountedObject<LanguageObject>(&DeleteCountedObject<LanguageObject>,
+                                                             QUORV_SOURCE_LOCATION);
+        if (!l) return OutOfMemoryError();
+        Ref<LanguageObject> held(l);
+        l->name = GetCurrentLanguageName();
+        return held.Disconnect();
+    });
+}
+
+Int GetLanguageName(const LanguageObject* l, char* buffer, Int capacity) {
+    if (!l) return 0;
+    const Int n = static_cast<Int>(l->name.size());
+    if (buffer && capacity > 0) {
+        const Int m = n < capacity - 1 ? n : capacity - 1;
+        std::memcpy(buffer, l->name.data(), static_cast<size_t>(m));
+        buffer[m] = 0;
+    }
+    return n;
+}
+
+void FreeLanguage(LanguageObject* l) { RemoveReference(l); }
+
 const ResourceInterface::Slots g_slots{
     .LoadResourceString = &LoadResourceString,
+    .GetCurrentLanguage = &GetCurrentLanguage,
 };
+const LanguageInterface::Slots g_languageSlots{.GetName = &GetLanguageName, .Free = &FreeLanguage};
 
 }  // namespace
 
@@ -99,6 +127,9 @@ std::string GetResourceDirectory() {
     return g_resourceDirectory.empty() ? DefaultResourceDirectory() : g_resourceDirectory;
 }
 
-void RegisterResourceService(Host& host) { host.RegisterService<ResourceInterface>(g_slots); }
+void RegisterResourceService(Host& host) {
+    host.RegisterService<ResourceInterface>(g_slots);
+    host.RegisterService<LanguageInterface>(g_languageSlots);
+}
 
 }  // namespace quorv::host

@@ -159,4 +159,6 @@ void SetTimerSource(Int (*source)()) { g_timerSource.store(source, std::memory_o
 
 void SetFailCountdown(Int n) { g_failCountdown.store(n > 0 ? n : 0); }
 
+Int GetFailCountdown() { return g_failCountdown.load(); }
+
 }  // namespace quorv::host

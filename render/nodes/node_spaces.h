@@ -23,8 +23,12 @@ constexpr const char* SPACENAME = "net.quorv.nodes.nodespace.spacename";
 constexpr const char* MATERIALEXCHANGECLASS = "net.quorv.nodes.nodespace.materialexchangeclass";
 constexpr const char* MATERIALEXCHANGEBUNDLEIDS =
     "net.quorv.nodes.nodespace.materialexchangebundleids";
+/// A graph attribute the base unit declares (values: dictionaries); nothing here reads it.
 constexpr const char* NODESPACECONTEXT = "net.quorv.nodes.nodespace.nodespacecontext";
 }  // namespace nodespacekey
+
+/// The error id of node spaces' refusal to be serialised.
+constexpr const char* UNSUPPORTEDOPERATION_ERROR_ID = "net.quorv.error.unsupportedoperation";
 
 using DataChangedObserver = Delegate<void(const DataDictionary&)>;
 
@@ -39,7 +43,9 @@ using DataChangedObserver = Delegate<void(const DataDictionary&)>;
 /// `Init` once after creation (see node_spaces_impl.cpp); before it the space has no observer
 /// list and `AddDataChangedObserver` fails with an illegal state error, `SetData` only stores.
 /// `GetData` returns the dictionary, shared. `SetData` replaces it and calls every observer.
-/// Copies of a space share its dictionary and its observers.
+/// Copies of a space share its dictionary and its observers. Node spaces refuse serialisation
+/// (`DataSerializeInterface::WriteObjectJson` gives "net.quorv.error.unsupportedoperation",
+/// "Can't serialize node spaces.").
 QUORV_VIRTUAL_INTERFACE(NodeSpaceInterface, "net.quorv.nodes.interface.nodespace",
                         QUORV_NODESPACE_METHODS);
 
@@ -49,7 +55,8 @@ QUORV_VIRTUAL_INTERFACE(NodeSpaceInterface, "net.quorv.nodes.interface.nodespace
     M(Result<DataDictionary>, LoadDescription, (const Id& descriptionId), (descriptionId))
 // clang-format on
 
-/// `GetNodeSpaceData`: the data of the space registered under `spaceId`; empty when unknown.
+/// `GetNodeSpaceData`: the data of the space registered under `spaceId`; empty when unknown
+/// (or when the entry holds no node space).
 /// `LoadDescription`: a dictionary with the space name translated into the current language;
 /// a null dictionary for an empty id; the database's errors as they are.
 QUORV_NONVIRTUAL_INTERFACE(NodeSpaceHelpersInterface, "net.quorv.nodes.interface.nodespacehelpers",
@@ -59,9 +66,22 @@ QUORV_NONVIRTUAL_INTERFACE(NodeSpaceHelpersInterface, "net.quorv.nodes.interface
 /// so that the base class is registered before the classes composed of it.
 extern InterfaceRecord g_nodeSpaceInterfaceRecord;
 
-/// Registers a space object under its space id (the registry holds it); replaces an earlier.
-Result<void> RegisterNodeSpace(const Id& spaceId, const NodeSpaceInterface::Ref& space);
-/// Removes a registered space.
-void UnregisterNodeSpace(const Id& spaceId);
+/// Registers an `Init`ed space object in NODESPACE_REGISTRY_ID under its space id (the id of
+/// its class), as an object reference that the registry holds. A second space under one id is
+/// the registry's illegal state error. Whoever registers a space erases it again before the
+/// render module goes: the entry holds an object whose code lies in the module.
+inline Result<void> RegisterNodeSpace(const Id& spaceId, const NodeSpaceInterface::Ref& space) {
+    const Data value = Data::Of(space.GetObject());
+    if (value.IsEmpty()) return OutOfMemoryError();
+    const std::string id(spaceId.View());
+    return RegistryInterface::InsertEntry(LiteralId(NODESPACE_REGISTRY_ID), LiteralId(id.c_str()),
+                                          value);
+}
+
+/// Erases the space registered under `spaceId`; false when there was none.
+inline bool UnregisterNodeSpace(const Id& spaceId) {
+    const std::string id(spaceId.View());
+    return RegistryInterface::EraseEntry(LiteralId(NODESPACE_REGISTRY_ID), LiteralId(id.c_str()));
+}
 
 }  // namespace quorv::nodes

@@ -1,8 +1,8 @@
-// The node space base class, the default material exchange with its description cache, the
-// node space helpers and the registry of space objects.
-#include <map>
-#include <mutex>
-
+// The node space base class, the default material exchange with its description cache and
+// the node space helpers. Space objects live in the host registry
+// "net.quorv.nodes.registry.materialnodespaces", keyed by space id (= the id of the space's
+// class), so that every module registers and finds them the same way.
+#include "quorv/graphlib.h"
 #include "render/nodes/node_spaces.h"
 
 namespace quorv::nodes {
@@ -18,38 +18,63 @@ struct NodeSpaceBaseImpl {
     Ref<RaiiObservable<const DataDictionary&>> _observable;
     DataDictionary _data;
 
+    // A space is rebuilt by the module that brings it at every start; a stored one would name
+    // classes of another run.
+    static Result<void> DescribeIO(DescribeStreamObject*) {
+        return MakeErrorWithId(UNSUPPORTEDOPERATION_ERROR_ID, QUORV_SOURCE_LOCATION,
+                               "Can't serialize node spaces.");
+    }
+
+    // The value under `key`, empty when there is none. A present value whose copy finds no
+    // memory is out of memory: taken for a missing one, Init would replace what the space gave.
+    static Result<Data> Present(const DataDictionary& d, const char* key) {
+        const DataDictionaryObject* o = d.GetReadable();
+        const DataDictionaryKey k{LiteralId(key)};
+        Data value;
+        if (DataDictionaryInterface::GetData(o, k, &value)) return value;
+        if (DataDictionaryInterface::GetData(o, k, nullptr)) return OutOfMemoryError();
+        return Data();
+    }
+
     Result<void> Init(const DataDictionary& data) {
         // 1. Store, and take the id of this object's class.
         _data = data;
         const LiteralId classId = GetClassIdOf(InstanceOfState(this));
         const Id spaceId = Id::Intern(classId.View());
-        if (spaceId.IsEmpty()) return OutOfMemoryError();
+        const Id viewport = Id::Intern(VIEWPORTMATERIAL_ID);
+        if (spaceId.IsEmpty() || viewport.IsEmpty()) return OutOfMemoryError();
         const std::string spaceText(spaceId.View());
         // 2. The space id is always the class id, whatever the caller gave.
         QUORV_RETURN_IF_ERROR(_data.Set(SpaceIdKey(), spaceId));
         // 3. A missing or empty name becomes the text of the id.
-        if (_data.Get<std::string>(nodespacekey::SPACENAME, std::string()).empty()) {
-            QUORV_RETURN_IF_ERROR(_data.Set(SpaceNameKey(), spaceText));
-        }
+        Result<Data> name = Present(_data, nodespacekey::SPACENAME);
+        if (name.IsError()) return name.GetError();
+        const std::string* given = name.GetValue().Get<std::string>();
+        if (!given || given->empty()) QUORV_RETURN_IF_ERROR(_data.Set(SpaceNameKey(), spaceText));
         // 4. No exchange class (or one with an empty id): the default, for the viewport bundle.
-        ClassObject* const exchange =
-            _data.Get<ClassObject*>(nodespacekey::MATERIALEXCHANGECLASS, nullptr);
-        if (!exchange || ClassInterface::GetId(exchange).IsEmpty()) {
-            IdArray bundles;
-            try {
-                bundles.push_back(Id::Intern(VIEWPORTMATERIAL_ID));
-            } catch (...) {
-                return OutOfMemoryError();
-            }
-            if (!_data.Get<IdArray>(nodespacekey::MATERIALEXCHANGEBUNDLEIDS, IdArray()).empty()) {
+        Result<Data> exchange = Present(_data, nodespacekey::MATERIALEXCHANGECLASS);
+        if (exchange.IsError()) return exchange.GetError();
+        ClassObject* const* exchangeClass = exchange.GetValue().Get<ClassObject*>();
+        if (!exchangeClass || !*exchangeClass || ClassInterface::GetId(*exchangeClass).IsEmpty()) {
+            Result<Data> specified = Present(_data, nodespacekey::MATERIALEXCHANGEBUNDLEIDS);
+            if (specified.IsError()) return specified.GetError();
+            const IdArray* ids = specified.GetValue().Get<IdArray>();
+            if (ids && !ids->empty()) {
                 // The text speaks of the fallback class that is "defined": it fires when the
-                // space named none, so that the default takes over.
+                // space named none, so that the default takes over. It goes to the host's
+                // warning output: a person fixes the space, no caller acts on it.
                 WarningInterface::WarningOutput(
                     FormatMessage("Warning for @: overwriting specified "
                                   "NODESPACE::MATERIALEXCHANGEBUNDLEIDS because fallback "
                                   "NODESPACE::MATERIALEXCHANGECLASS is defined",
                                   {spaceText})
                         .c_str());
+            }
+            IdArray bundles;
+            try {
+                bundles.push_back(viewport);
+            } catch (...) {
+                return OutOfMemoryError();
             }
             QUORV_RETURN_IF_ERROR(_data.Set(BundleIdsKey(), bundles));
             Result<const ClassObject*> fallback =
@@ -61,9 +86,11 @@ struct NodeSpaceBaseImpl {
         }
         // 5. The one space built into the base class gets its two bundles, with no warning.
         if (spaceText == BUILTIN_SPACE_ID) {
+            const Id builtin = Id::Intern(BUILTIN_SPACE_BUNDLE_ID);
+            if (builtin.IsEmpty()) return OutOfMemoryError();
             IdArray bundles;
             try {
-                bundles = {Id::Intern(VIEWPORTMATERIAL_ID), Id::Intern(BUILTIN_SPACE_BUNDLE_ID)};
+                bundles = {viewport, builtin};
             } catch (...) {
                 return OutOfMemoryError();
             }
@@ -85,6 +112,8 @@ struct NodeSpaceBaseImpl {
                              "Illegal state: the node space is not initialised");
         }
         if (!callNow) return _observable->Add(std::move(observer));
+        // Read before the add: a SetData in between reaches neither the callNow call nor this
+        // observer. Kept so.
         const DataDictionary data = GetData();
         const std::tuple<const DataDictionary&> present{data};
         return _observable->Add(std::move(observer), &present);
@@ -117,6 +146,8 @@ struct NodeSpaceBaseImpl {
 // ---- the description cache of the default exchange --------------------------------------------
 
 struct MaterialParameterCache {
+    // Set by the module's start step (a load of a module whose storage survived an earlier
+    // unload starts active too); cleared for good by the unload message or the free step.
     Bool _isActive = true;
     SpinLock lock;
     std::vector<std::pair<Id, DataDictionary>, SystemAllocator<std::pair<Id, DataDictionary>>> map;
@@ -149,6 +180,8 @@ Result<DataDictionary> BuildParameters(const Id& materialType) {
             const std::string typeId(entry.Get<Id>(descriptionkey::DATATYPE, Id()).View());
             const DataType* t = DataTypeLibInterface::GetRuntimeDataType(typeId.c_str());
             if (!t) {
+                // No default and a type id the host doesn't know: nothing to make a value of.
+                // The error names both, so the description can be fixed.
                 return MakeError(
                     ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
                     FormatMessage("Illegal argument: Unknown data type @ of parameter @",
@@ -160,6 +193,9 @@ Result<DataDictionary> BuildParameters(const Id& materialType) {
         PackedMaterialParameter packed{std::move(value), true, nullptr};
         Data stored = Data::Of(packed);
         if (stored.IsEmpty()) return OutOfMemoryError();
+        // Of two entries with one identifier the later wins (the host keeps the later in the
+        // earlier one's place; the set here would replace too). Entries without identifier
+        // never get here: the host refuses the description.
         const std::string key(identifier.View());
         QUORV_RETURN_IF_ERROR(result.SetData(LiteralId(key.c_str()), stored));
     }
@@ -206,30 +242,26 @@ struct MaterialExchangeDefault {
     }
 };
 
-// ---- registry of spaces: space objects keyed by space id (= class id) ---------------------
-
-std::mutex g_spacesMutex;
-std::map<Id, NodeSpaceInterface::Ref>& Spaces() {
-    static auto* const spaces = new std::map<Id, NodeSpaceInterface::Ref>();
-    return *spaces;
-}
-
 // ---- helpers ---------------------------------------------------------------------------------
 
 DataDictionary GetNodeSpaceData(const Id& spaceId) {
-    NodeSpaceInterface::Ref space;
-    {
-        std::lock_guard<std::mutex> lock(g_spacesMutex);
-        auto it = Spaces().find(spaceId);
-        if (it == Spaces().end()) return {};
-        space = it->second;
+    const std::string id(spaceId.View());
+    Data entry;
+    if (!RegistryInterface::FindEntryValue(LiteralId(NODESPACE_REGISTRY_ID), LiteralId(id.c_str()),
+                                           &entry)) {
+        return {};
     }
-    return space.GetData();
+    const ObjectRef* object = entry.Get<ObjectRef>();
+    if (!object) return {};
+    Result<NodeSpaceInterface::Ref> space = NodeSpaceInterface::Ref::Cast(*object);
+    if (space.IsError()) return {};
+    return space.GetValue().GetData();
 }
 
 Result<DataDictionary> LoadSpaceDescription(const Id& descriptionId) {
     if (descriptionId.IsEmpty()) return DataDictionary();
-    Result<LanguageObject*> language = LanguageInterface::GetCurrentLanguage();
+    // Texts missing in the current language come from "en" (the host's database falls back).
+    Result<LanguageObject*> language = ResourceInterface::GetCurrentLanguage();
     if (language.IsError()) return language.GetError();
     const std::string id(descriptionId.View());
     Result<DescriptionObject*> loaded = DataDescriptionDatabaseInterface::LoadDescription(
@@ -256,9 +288,11 @@ const NodeSpaceHelpersInterface::Slots g_helperSlots{
 
 // ---- records ---------------------------------------------------------------------------------
 
-ModuleUnit g_unit(__FILE__,
-                  {{&WarningInterface::record, "quorv/datadescription.h"},
-                   {&DataDescriptionDatabaseInterface::record, "quorv/datadescription.h"}});
+ModuleUnit g_unit(__FILE__, {{&WarningInterface::record, "quorv/datadescription.h"},
+                             {&DataDescriptionDatabaseInterface::record, "quorv/datadescription.h"},
+                             {&ResourceInterface::record, "quorv/resource.h"},
+                             {&GraphLibInterface::record, "quorv/graphlib.h"},
+                             {&RegistryInterface::record, "quorv/services.h"}});
 RegistryRecord g_exchangeClasses;
 RegistryRecord g_spaceClasses;
 RegistryRecord g_spaceObjects;
@@ -282,6 +316,25 @@ const bool g_packedDefined =
          g_packedType, "quorv::nodes::PackedMaterialParameter", g_unit, __FILE__),
      true);
 
+// The module's start: the cache is active and empty (within one load its deactivation is
+// final), and the attribute that graphs may carry is declared. A host without graph services
+// has no graphs to carry it, so its unresolved answer is no failure.
+Result<void> StartNodeSpaces() {
+    StartMaterialParameterCache();
+    Result<void> declared = GraphLibInterface::CreateAttribute(
+        LiteralId(nodespacekey::NODESPACECONTEXT), DataTypeIdOf<DataDictionary>::id);
+    if (declared.IsError() && declared.GetErrorPointer()->kind == ERRORKIND::UNRESOLVED) return OK;
+    return declared;
+}
+
+// The free step releases the cached dictionaries while the module's data type of their values
+// is still there.
+InitializationRecord g_initialization;
+const bool g_initializationDefined =
+    (DefineInitialization(g_initialization, __FILE__, &StartNodeSpaces,
+                          &DeactivateMaterialParameterCache, g_unit),
+     true);
+
 NonVirtualInterfaceRecord g_helperNames;
 NonVirtualInterfaceRecord g_helperImplementation;
 char g_helperNameRun[NodeSpaceHelpersInterface::NAME_RUN_SIZE];
@@ -298,33 +351,21 @@ const bool g_helpersDefined = [] {
 
 }  // namespace
 
-void DeactivateMaterialParameterCache() {
+namespace {
+
+// Empties the cache and sets its flag; the dictionaries are released after the lock.
+void ResetCache(Bool active) {
     MaterialParameterCache& cache = Cache();
     decltype(cache.map) released;
-    {
-        ScopedSpinLock lock(cache.lock);
-        cache._isActive = false;
-        released.swap(cache.map);
-    }
+    ScopedSpinLock lock(cache.lock);
+    cache._isActive = active;
+    released.swap(cache.map);
 }
 
-Result<void> RegisterNodeSpace(const Id& spaceId, const NodeSpaceInterface::Ref& space) {
-    std::lock_guard<std::mutex> lock(g_spacesMutex);
-    try {
-        Spaces()[spaceId] = space;
-    } catch (...) {
-        return OutOfMemoryError();
-    }
-    return OK;
-}
+}  // namespace
 
-void UnregisterNodeSpace(const Id& spaceId) {
-    NodeSpaceInterface::Ref gone;
-    std::lock_guard<std::mutex> lock(g_spacesMutex);
-    auto it = Spaces().find(spaceId);
-    if (it == Spaces().end()) return;
-    gone = it->second;
-    Spaces().erase(it);
-}
+void DeactivateMaterialParameterCache() { ResetCache(false); }
+
+void StartMaterialParameterCache() { ResetCache(true); }
 
 }  // namespace quorv::nodes

@@ -1,9 +1,9 @@
 // `NodeWorldImpl`: the three process-wide states of the node world, each made at first use
 // and held in a reference word whose lowest bit is its lock, released by the free step.
-#include <mutex>
-#include <shared_mutex>
+#include <memory>
 
 #include "quorv/lockedref.h"
+#include "quorv/rwlock.h"
 #include "quorv/synchronizedhashmap.h"
 #include "render/nodes/node_spaces.h"
 #include "render/nodes/node_world.h"
@@ -19,13 +19,23 @@ struct IdEqual {
     bool operator()(const Id& a, const Id& b) const { return a == b; }
 };
 
-// Renderer names live as long as the process: a name pointer read without the lock stays
+// Renderer names live as long as the module: a name pointer read without the lock stays
 // valid whatever a writer does next, so unlocked readers are race-free. A map entry is never
 // removed either (the synchronised map keeps entries put); erasing clears its name pointer.
-using NamePool = SynchronizedHashMap<Id, std::string, IdHash, IdEqual>;
+// Each name is published whole, once, by compare-and-swap: the text is never written after
+// another thread can see it. The pool goes when the module's storage does (after the free step
+// released every renderer state, when no call is in flight).
+struct NameSlot {
+    std::atomic<const std::string*> text{nullptr};
+    NameSlot() = default;
+    NameSlot(const NameSlot&) = delete;
+    NameSlot& operator=(const NameSlot&) = delete;
+    ~NameSlot() { delete text.load(std::memory_order_relaxed); }
+};
+using NamePool = SynchronizedHashMap<Id, NameSlot, IdHash, IdEqual>;
 NamePool& Names() {
-    static NamePool* const pool = new NamePool();  // deliberately never freed
-    return *pool;
+    static NamePool pool;
+    return pool;
 }
 
 struct RendererEntry {
@@ -36,7 +46,14 @@ struct NodeWorldRegistryState {
     using Observable = RaiiObservable<const RendererRegistryObserverValue*, Int>;
     Ref<Observable> observable;
     SynchronizedHashMap<Id, RendererEntry, IdHash, IdEqual> renderers;
-    std::shared_mutex lock;
+    RWLock lock;
+
+    Result<void> Start() {
+        Result<RWLock> made = RWLock::Create(QUORV_SOURCE_LOCATION);
+        if (made.IsError()) return made.GetError();
+        lock = std::move(made.GetValue());
+        return OK;
+    }
 };
 
 // One notification of the preferences observers: the flags and both pairs of dictionaries, so
@@ -57,6 +74,8 @@ struct ActivePreferencesState {
     SpinLock lock;
     DataDictionary preferences;
     DataDictionary renderData;
+
+    Result<void> Start() { return OK; }
 };
 
 struct ActiveNodeSpaceState {
@@ -64,6 +83,8 @@ struct ActiveNodeSpaceState {
     Ref<Observable> observable;
     Id activeSpaceId;
     SpinLock lock;
+
+    Result<void> Start() { return OK; }
 };
 
 LockBitWord g_registryWord;
@@ -78,7 +99,7 @@ Result<Ref<S>> GetState(LockBitWord& word, const char* invalid) {
         Result<Ref<S>> made = NewCounted<S>();
         if (made.IsOk()) {
             auto observable = S::Observable::Create();
-            if (observable.IsOk()) {
+            if (observable.IsOk() && made.GetValue()->Start().IsOk()) {
                 made.GetValue()->observable = observable.GetValue();
                 w = reinterpret_cast<std::uintptr_t>(made.GetValue().Disconnect());
             }
@@ -120,9 +141,10 @@ Result<ObserverHandleRef> AddRendererRegistryObserver(RendererObserver observer,
     NodeWorldRegistryState& state = *got.GetValue();
     if (!callNow) return state.observable->Add(std::move(observer));
     // The read lock is taken and released before the map is read; the map itself is read
-    // unlocked, which the synchronised map and the permanent names make safe.
-    state.lock.lock_shared();
-    state.lock.unlock_shared();
+    // unlocked, which the synchronised map and the permanent names make safe. A renderer that
+    // comes or goes between this read and the add below is missed by this observer: kept so.
+    state.lock.ReadLock();
+    state.lock.ReadUnlock();
     std::vector<RendererRegistryObserverValue, SystemAllocator<RendererRegistryObserverValue>> all;
     try {
         state.renderers.ForEach([&](const Id& id, RendererEntry& e) {
@@ -140,8 +162,9 @@ Result<std::string> GetRendererName(const Id& renderer) {
     Result<Ref<NodeWorldRegistryState>> got = Registry();
     if (got.IsError()) return got.GetError();
     NodeWorldRegistryState& state = *got.GetValue();
-    state.lock.lock_shared();
-    state.lock.unlock_shared();
+    // Read lock taken and released, the map read unlocked (see AddRendererRegistryObserver).
+    state.lock.ReadLock();
+    state.lock.ReadUnlock();
     const RendererEntry* e = state.renderers.Find(renderer);
     const std::string* name = e ? e->name.load(std::memory_order_acquire) : nullptr;
     try {
@@ -224,6 +247,8 @@ Result<ObserverHandleRef> AddActivePreferencesObserver(PreferencesObserver obser
         });
     if (wrapped.IsError()) return wrapped.GetError();
     if (!callNow) return state.observable->Add(wrapped.GetValue());
+    // A change stored between this read and the add reaches neither the callNow call nor this
+    // observer: kept so.
     state.lock.Lock();
     DataDictionary p = state.preferences, r = state.renderData;
     state.lock.Unlock();
@@ -240,6 +265,7 @@ Result<ObserverHandleRef> AddActiveNodeSpaceObserver(NodeSpaceObserver observer,
     if (got.IsError()) return got.GetError();
     ActiveNodeSpaceState& state = *got.GetValue();
     if (!callNow) return state.observable->Add(std::move(observer));
+    // A change between this read and the add is missed by this observer: kept so.
     state.lock.Lock();
     const Id id = state.activeSpaceId;
     state.lock.Unlock();
@@ -252,7 +278,7 @@ Result<void> SetRenderer(const Id& renderer, const std::string* name) {
     if (got.IsError()) return got.GetError();
     NodeWorldRegistryState& state = *got.GetValue();
     {
-        std::unique_lock<std::shared_mutex> lock(state.lock);
+        ScopedWriteLock lock(state.lock);
         if (name) {
             Result<RendererEntry*> e = state.renderers.FindOrCreate(renderer);
             if (e.IsError()) return e.GetError();
@@ -267,18 +293,28 @@ Result<void> SetRenderer(const Id& renderer, const std::string* name) {
     return OK;
 }
 
-// The permanent copy of a renderer name.
+// The permanent copy of a renderer name: made once per text, never changed after it is
+// published, never freed.
 Result<const std::string*> PermanentName(const std::string& name) {
     const Id key = Id::Intern(name);
     if (key.IsEmpty() && !name.empty()) return OutOfMemoryError();
-    Result<std::string*> slot = Names().FindOrCreate(key);
+    Result<NameSlot*> slot = Names().FindOrCreate(key);
     if (slot.IsError()) return slot.GetError();
+    std::atomic<const std::string*>& published = slot.GetValue()->text;
+    const std::string* present = published.load(std::memory_order_acquire);
+    if (present) return present;
+    std::unique_ptr<std::string> made;
     try {
-        if (slot.GetValue()->empty() && !name.empty()) *slot.GetValue() = name;
+        made = std::make_unique<std::string>(name);
     } catch (...) {
         return OutOfMemoryError();
     }
-    return static_cast<const std::string*>(slot.GetValue());
+    // Of two threads that bring one new name, the second keeps the first one's copy.
+    if (!published.compare_exchange_strong(present, made.get(), std::memory_order_acq_rel,
+                                           std::memory_order_acquire)) {
+        return present;
+    }
+    return made.release();
 }
 
 Error WrongData(const Data& data, const char* expected) {

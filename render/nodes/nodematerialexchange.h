@@ -38,8 +38,11 @@ QUORV_VIRTUAL_INTERFACE(MaterialExchangeInterface,
                         "net.quorv.nodes.interface.materialexchangeinterface",
                         QUORV_MATERIALEXCHANGE_METHODS);
 
-/// Closes the description cache for good (the "unload" message of the node world).
+/// Closes the description cache for good and releases its dictionaries (the "unload" message
+/// of the node world, and the module's free step).
 void DeactivateMaterialParameterCache();
+/// The module's start step of the description cache: active and empty, as a fresh load has it.
+void StartMaterialParameterCache();
 
 }  // namespace quorv::nodes
 

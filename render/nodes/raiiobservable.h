@@ -4,19 +4,18 @@
 /// so a handle that outlives its observable does nothing when dropped.
 ///
 /// The observers sit in a copy-on-write map from a running id to a counted record, guarded by
-/// a read-write lock. A notification takes a reference to the map under the read lock and
-/// walks that snapshot without a lock: a delegate may add or drop observers while it runs,
-/// which changes a new copy of the map, not the one being walked. Thread safety: all
-/// operations on any thread.
+/// a read-write lock of the host's lock services. A notification takes a reference to the map
+/// under the read lock and walks that snapshot without a lock: a delegate may add or drop
+/// observers while it runs, which changes a new copy of the map, not the one being walked.
+/// Thread safety: all operations on any thread.
 
 #include <atomic>
 #include <map>
-#include <mutex>
-#include <shared_mutex>
 #include <tuple>
 
 #include "quorv/counted.h"
 #include "quorv/delegate.h"
+#include "quorv/rwlock.h"
 #include "quorv/systemallocator.h"
 #include "quorv/weakref.h"
 
@@ -34,8 +33,15 @@ class RaiiObservable {
 public:
     using ObserverDelegate = Delegate<void(A...)>;
 
-    /// A new observable; out of memory gives the kind 0 error.
-    static Result<Ref<RaiiObservable>> Create() { return NewCounted<RaiiObservable>(); }
+    /// A new observable with its lock; out of memory gives the kind 0 error.
+    static Result<Ref<RaiiObservable>> Create() {
+        Result<Ref<RaiiObservable>> made = NewCounted<RaiiObservable>();
+        if (made.IsError()) return made.GetError();
+        Result<RWLock> lock = RWLock::Create(QUORV_SOURCE_LOCATION);
+        if (lock.IsError()) return lock.GetError();
+        made.GetValue()->_lock = std::move(lock.GetValue());
+        return made;
+    }
 
     /// Adds `observer`. With `present` given, the observer is called with it once, under the
     /// write lock, so no later notification reaches it first. Out of memory adds nothing.
@@ -48,7 +54,7 @@ public:
         if (!self.IsValid()) return OutOfMemoryError();
         Result<Ref<Handle>> handle = NewCounted<Handle>(std::move(self), id);
         if (handle.IsError()) return handle.GetError();
-        std::unique_lock<std::shared_mutex> lock(_lock);
+        ScopedWriteLock lock(_lock);
         Result<void> writable = MakeWritable();
         if (writable.IsError()) {
             handle.GetValue()->Disarm();
@@ -68,7 +74,7 @@ public:
     void Notify(const A&... args) {
         Ref<Map> snapshot;
         {
-            std::shared_lock<std::shared_mutex> lock(_lock);
+            ScopedReadLock lock(_lock);
             snapshot = _map;
         }
         if (!snapshot) return;
@@ -78,8 +84,9 @@ public:
         }
     }
 
+    /// Observers added and not yet dropped.
     Int GetCount() const {
-        std::shared_lock<std::shared_mutex> lock(_lock);
+        ScopedReadLock lock(_lock);
         return _map ? static_cast<Int>(_map->observers.size()) : 0;
     }
 
@@ -129,7 +136,7 @@ private:
 
     void Remove(Int id) {
         Ref<Record> gone;  // dropped after the lock: freeing a delegate runs its module's code
-        std::unique_lock<std::shared_mutex> lock(_lock);
+        ScopedWriteLock lock(_lock);
         if (!_map) return;
         auto it = _map->observers.find(id);
         if (it == _map->observers.end()) return;
@@ -137,10 +144,10 @@ private:
         gone->alive.store(false, std::memory_order_release);
         if (MakeWritable().IsError()) return;
         _map->observers.erase(id);
-        lock.unlock();
+        lock.Unlock();
     }
 
-    mutable std::shared_mutex _lock;
+    RWLock _lock;
     Ref<Map> _map;
     std::atomic<Int> _nextId{1};
 };

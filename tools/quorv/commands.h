@@ -18,6 +18,8 @@ struct GlobalOptions {
     Int threadCount = 0;
     /// Resource folder; empty is ../resources beside this program.
     std::string resourceDirectory;
+    /// Language of translated texts and text descriptions.
+    std::string language = "en";
 };
 
 /// Loads the module and applies the configuration; prints the error and returns false on

@@ -31,6 +31,7 @@ bool StartHost(const GlobalOptions& options) {
     hostOptions.threadCount = options.threadCount;
     hostOptions.resourceDirectory = options.resourceDirectory;
     hostOptions.configuration = options.configuration;
+    hostOptions.language = options.language;
     host::Host& h = host::Host::Start(hostOptions);
     std::string path = options.modulePath;
     if (path.empty()) {
@@ -73,6 +74,14 @@ int main(int argc, char** argv) {
                    "Folder of the application's resources (default: ../resources beside this "
                    "program)")
         ->check(CLI::ExistingDirectory);
+    app.add_option("--language", options.language,
+                   "Language of translated texts and text descriptions, e.g. de (default: en); "
+                   "a text missing in it is taken from en")
+        ->check([](const std::string& v) {
+            const bool plain =
+                !v.empty() && v.find_first_of("/\\") == std::string::npos && v != "." && v != "..";
+            return plain ? std::string() : std::string("a language is a plain name such as en");
+        });
     std::function<int()> run;
     AddClassesCommand(app, options, run);
     AddCameraCommand(app, options, run);

@@ -23,6 +23,9 @@ namespace quorv {
 /// Opaque instance of a class; counted through quorv/ref.h.
 struct ObjectInstance;
 using ObjectRef = Ref<ObjectInstance>;
+/// Object references as values, e.g. the objects a registry holds; equal when they name one
+/// object.
+QUORV_DATATYPE_ID(ObjectRef, "net.quorv.objectref");
 
 namespace classes_detail {
 
@@ -87,8 +90,9 @@ Result<ClassObject*> CreateClassFromRecord(ClassRecord* record, const SourceLoca
 Result<void> RegisterClassRecord(ClassRecord* record);
 void UnregisterClassRecord(ClassRecord* record);
 
-/// Fills the state half of a component record (construct, destruct, copy, size) for IMPL.
-/// A component that writes its method tables by hand sets `fillMTable` itself.
+/// Fills the state half of a component record (construct, destruct, copy, size, and the
+/// describe function of a static `IMPL::DescribeIO`) for IMPL. A component that writes its
+/// method tables by hand sets `fillMTable` itself.
 template <typename IMPL>
 void FillComponentState(ComponentRecord& record) {
     static_assert(alignof(IMPL) <= 16);
@@ -103,6 +107,13 @@ void FillComponentState(ComponentRecord& record) {
     record.kind = 1;
     record.stateSize = sizeof(IMPL);
     record.alignment = 8;
+    // A component serialises its members through its static `DescribeIO`, when it has one (of
+    // the type `DescribeIOFunc`: another one fails to compile here).
+    if constexpr (requires { &IMPL::DescribeIO; }) {
+        record.describeIO = &IMPL::DescribeIO;
+    } else {
+        record.describeIO = nullptr;
+    }
 }
 
 /// Fills a component record for the C++ type IMPL implementing interface I.

@@ -1,20 +1,20 @@
 #pragma once
 /// Data descriptions: per id and category (and, for texts, per language) a list of entries,
 /// each a dictionary of typed values. The host reads them from JSON files of the folders that
-/// modules register with `RegisterDatabaseWithUrl`. Also the current language of translated
-/// texts, the host's warning output and the values that node code keeps in dictionaries.
+/// modules register with `RegisterDatabaseWithUrl`. Also the host's warning output and the
+/// values that node code keeps in dictionaries. The language of text descriptions is the
+/// resource service's (quorv/resource.h).
 
 #include <vector>
 
 #include "quorv/datadictionary.h"
+#include "quorv/resource.h"
 #include "quorv/services.h"
 
 namespace quorv {
 
 /// A loaded description (a counted host object).
 struct DescriptionObject;
-/// A language of translated texts (a counted host object).
-struct LanguageObject;
 
 // clang-format off
 #define QUORV_DATADESCRIPTIONDATABASE_METHODS(M) \
@@ -23,10 +23,6 @@ struct LanguageObject;
     M(Result<std::vector<DataDictionary>>, GetEntries, (const DescriptionObject* description), (description)) \
     M(DataDictionary, GetEntry, (const DescriptionObject* description, const LiteralId& identifier), (description, identifier)) \
     M(void, Free, (DescriptionObject* description), (description))
-#define QUORV_LANGUAGE_METHODS(M) \
-    M(Result<LanguageObject*>, GetCurrentLanguage, (), ()) \
-    M(Int, GetName, (const LanguageObject* language, char* buffer, Int capacity), (language, buffer, capacity)) \
-    M(void, Free, (LanguageObject* language), (language))
 #define QUORV_WARNING_METHODS(M) \
     M(void, WarningOutput, (const char* message), (message))
 // clang-format on
@@ -42,9 +38,6 @@ QUORV_NONVIRTUAL_INTERFACE(DataDescriptionDatabaseInterface,
 /// "net.quorv.description.base.identifier" is `identifier`, or null.
 QUORV_NONVIRTUAL_INTERFACE(DataDescriptionInterface, "net.quorv.interface.datadescription",
                            QUORV_DATADESCRIPTION_METHODS);
-/// `GetCurrentLanguage`: the language of `--language` ("en" by default).
-QUORV_NONVIRTUAL_INTERFACE(LanguageInterface, "net.quorv.interface.language",
-                           QUORV_LANGUAGE_METHODS);
 /// `WarningOutput`: a warning for a person; the host keeps it in its warning log.
 QUORV_NONVIRTUAL_INTERFACE(WarningInterface, "net.quorv.interface.warning", QUORV_WARNING_METHODS);
 

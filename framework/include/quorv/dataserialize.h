@@ -35,10 +35,16 @@ constexpr const char* DATADICTIONARY_TYPE_ID = "net.quorv.datadictionary";
 #define QUORV_DATASERIALIZE_METHODS(M) \
     M(Result<void>, DescribeMember, (DescribeStreamObject* stream, const char* name, const char* typeId, Int offset, const DescribeArrayAccessor* accessor, Int32 flags), (stream, name, typeId, offset, accessor, flags)) \
     M(Result<CStringObject*>, WriteJson, (const void* object, DescribeFunc describe), (object, describe)) \
-    M(Result<void>, ReadJson, (void* object, DescribeFunc describe, const char* text, Int length), (object, describe, text, length))
+    M(Result<void>, ReadJson, (void* object, DescribeFunc describe, const char* text, Int length), (object, describe, text, length)) \
+    M(Result<CStringObject*>, WriteObjectJson, (const void* instance), (instance)) \
+    M(Result<void>, ReadObjectJson, (void* instance, const char* text, Int length), (instance, text, length))
 // clang-format on
 /// `WriteJson` answers a new byte string with one reference; `ReadJson` fills the members of
-/// an existing object and leaves members the text lacks unchanged.
+/// an existing object and leaves members the text lacks unchanged. `WriteObjectJson` and
+/// `ReadObjectJson` do the same for an instance of a class, whose members are those that its
+/// components describe (`ComponentRecord::describeIO`, in component order); a component's
+/// error refuses the instance, and a class none of whose components describe is a
+/// function-not-implemented error naming the class.
 QUORV_NONVIRTUAL_INTERFACE(DataSerializeInterface, "net.quorv.interface.dataserialize",
                            QUORV_DATASERIALIZE_METHODS);
 

@@ -13,6 +13,9 @@ namespace quorv {
 /// A data type object. Plain record: modules read it directly.
 struct DataType {
     static constexpr UInt8 FLAG_IMMORTAL = 1;
+    /// Values of the type have no comparison (`COMPARISON::NONE`): comparing them reports a
+    /// stop, so callers that can do without one test this first.
+    static constexpr UInt8 FLAG_NOCOMPARISON = 2;
 
     LiteralId id;
     const char* typeName;
@@ -20,7 +23,7 @@ struct DataType {
     Int alignment;
     const DataTypeOperations* operations;
     DATATYPEKIND kind;
-    UInt8 flags;                  ///< bit 0: immortal, no reference counting
+    UInt8 flags;                  ///< FLAG_IMMORTAL, FLAG_NOCOMPARISON
     const EnumValue* enumValues;  ///< enumerations: their values
     Int enumCount;
     const DataType* elementType;  ///< generic and delegate types: what they wrap

@@ -203,6 +203,7 @@ void DefineRecordDataType(DataTypeRecord& record, const char* typeName,
     record.alignment = alignof(T);
     record.operations = &DataTypeOperationsOf<T, MODE>();
     record.kind = DATATYPEKIND::TUPLE;
+    record.typeFlags = MODE == COMPARISON::NONE ? DataType::FLAG_NOCOMPARISON : 0;
 }
 
 /// Defines the data type record of the enumeration E with its values in `unit`. An

@@ -23,6 +23,7 @@ struct DataType;
 struct MethodEntry;
 struct ClassObject;
 struct ComponentInfo;
+struct DescribeStreamObject;
 
 /// Record types.
 struct EntityBase {
@@ -227,6 +228,9 @@ struct ComponentRecord : EntityBase {
     /// Writes the component's methods into the class's tables; false on failure.
     using FillMTableFunc = bool (*)(ClassObject* cls, const ComponentInfo* info);
     using HookFunc = void (*)();
+    /// Describes the component's members for serialisation (quorv/dataserialize.h), offsets
+    /// counted from the component's state; an error refuses serialisation of the class.
+    using DescribeIOFunc = Result<void> (*)(DescribeStreamObject* stream);
 
     ConstructFunc construct = nullptr;
     DestructFunc destruct = nullptr;
@@ -242,6 +246,8 @@ struct ComponentRecord : EntityBase {
     UInt stateSize = 0;
     UInt alignment = 8;
     UInt mtableSize = 0;
+    /// Null: the component has no members of its own to serialise.
+    DescribeIOFunc describeIO = nullptr;
 };
 
 /// A published class and the registry that holds it.
@@ -321,6 +327,7 @@ struct DataTypeRecord : EntityBase {
     const EnumValue* enumValues = nullptr;
     Int enumCount = 0;
     const DataType* value = nullptr;  ///< the host's data type object once defined
+    UInt8 typeFlags = 0;              ///< flags the type object gets (DataType::FLAG_...)
 };
 
 /// A declared dictionary key: id and value type. Chained under `g_quorv.idList`.

@@ -48,7 +48,10 @@ int RunId(const std::vector<std::string>& texts, bool json) {
 int RunClasses(const GlobalOptions& options, bool json) {
     if (!StartHost(options)) return 1;
     host::Host& h = host::Host::Get();
-    Json out{{"modules", Json::array()}, {"registries", Json::array()}, {"datatypes", Json::array()}};
+    Json out{{"modules", Json::array()},
+             {"registries", Json::array()},
+             {"datatypes", Json::array()},
+             {"attributes", Json::array()}};
     for (const std::string& id : h.ListModuleIds()) out["modules"].push_back(IdJson(id));
     for (const auto& r : h.ListRegistries()) {
         Json entry = IdJson(r.id);
@@ -60,6 +63,11 @@ int RunClasses(const GlobalOptions& options, bool json) {
         Json entry = IdJson(t.id);
         entry.update({{"typeName", t.typeName}, {"size", t.size}, {"kind", KindName(t.kind)}});
         out["datatypes"].push_back(std::move(entry));
+    }
+    for (const auto& a : h.ListAttributes()) {
+        Json entry = IdJson(a.id);
+        entry["type"] = a.typeId;
+        out["attributes"].push_back(std::move(entry));
     }
     if (json) return WriteOutputLine(out.dump(2)) ? 0 : 1;
     std::printf("Modules:\n");
@@ -74,6 +82,11 @@ int RunClasses(const GlobalOptions& options, bool json) {
         std::printf("  %-60s %-36s %4lld %s\n", t.id.empty() ? "(no id)" : t.id.c_str(),
                     t.typeName.c_str(), static_cast<long long>(t.size), KindName(t.kind));
     }
+    std::printf("Attributes:\n");
+    std::printf("  %-60s %s\n", "attribute", "value type");
+    for (const auto& a : h.ListAttributes()) {
+        std::printf("  %-60s %s\n", a.id.c_str(), a.typeId.c_str());
+    }
     return 0;
 }
 
@@ -81,7 +94,9 @@ int RunClasses(const GlobalOptions& options, bool json) {
 
 void AddClassesCommand(CLI::App& app, const GlobalOptions& options, std::function<int()>& run) {
     auto* cmd = app.add_subcommand(
-        "classes", "List the loaded modules, the registries with their class ids, and the data types");
+        "classes",
+        "List the loaded modules, the registries with their class ids, the data types and the "
+        "graph attributes");
     static bool json = false;
     cmd->add_flag("--json", json, "Write JSON instead of text");
     cmd->callback([&options, &run] { run = [&options] { return RunClasses(options, json); }; });

@@ -82,6 +82,12 @@ struct DataTypeListing {
     DATATYPEKIND kind;
 };
 
+/// A declared graph attribute, for listing.
+struct AttributeListing {
+    std::string id;
+    std::string typeId;  ///< data type id of its values
+};
+
 /// A configuration variable row, for listing.
 struct ConfigurationListing {
     std::string name;
@@ -148,6 +154,8 @@ public:
     std::vector<std::string> ListModuleIds() const;
     /// The declared dictionary keys of all loaded binaries: key id and value type id.
     std::vector<std::pair<std::string, std::string>> ListDictionaryKeys() const;
+    /// Graph attributes declared with `GraphLibInterface::CreateAttribute`, in order.
+    std::vector<AttributeListing> ListAttributes() const;
     /// Databases registered with `RegisterDatabaseWithUrl`: id and url text.
     std::vector<std::pair<std::string, std::string>> ListDescriptionDatabases() const;
 
@@ -158,6 +166,9 @@ public:
     /// Makes the n-th next allocation fail (1: the next one); 0 turns it off. For tests of
     /// out-of-memory paths.
     void FailAllocationAfter(Int n);
+    /// True while the failure set by `FailAllocationAfter` has not happened yet: a test asks
+    /// it after the call under test to know whether an allocation failed there.
+    bool IsAllocationFailurePending() const;
 
     /// Registers a service implementation; the host's own services are registered by `Start`.
     void RegisterService(const ServiceTable& table);
