@@ -101,6 +101,9 @@ struct JobQueueObject {
     tbb::concurrent_queue<JobObject*> pending;
     std::mutex mutex;
     std::condition_variable idle;
+    // Set when `Free` begins: jobs of the queue no longer name it as their current queue, so
+    // work they hand on goes to the default queue instead of one that is going away.
+    std::atomic<bool> freeing{false};
     // Queued or running jobs, each holding a reference: a list through the jobs themselves, so
     // that a job joins and leaves it without an allocation.
     JobObject* live = nullptr;
@@ -230,6 +233,19 @@ Bool IsCancelled(const JobObject* job) {
 JobObject* GetCurrentJob() { return t_currentJob; }
 
 Bool IsCurrentJobCancelled() { return IsCancelled(t_currentJob); }
+
+// The queue of the innermost job on this thread that went through a queue: a job a waiter ran
+// without it ever being queued does its work on the waiter's thread, so the waiter's queue.
+JobQueueObject* GetCurrentQueue() {
+    for (const JobObject* j = t_currentJob; j; j = j->outerOnThread) {
+        JobQueueObject* queue = j->queue.load(std::memory_order_acquire);
+        if (!queue) continue;
+        if (queue == &DefaultQueue() || queue->freeing.load(std::memory_order_acquire))
+            return nullptr;
+        return queue;
+    }
+    return nullptr;
+}
 
 void Cancel(JobObject* job) {
     if (!job || job->cancelled.exchange(true, std::memory_order_acq_rel)) return;
@@ -597,6 +613,7 @@ Result<void> FinishFreeingQueueJob(void* queue) {
 
 void FreeQueue(JobQueueObject* queue) {
     if (!queue || queue == &DefaultQueue()) return;
+    queue->freeing.store(true, std::memory_order_release);
     {
         std::lock_guard<std::mutex> lock(g_queuesMutex);
         g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
@@ -637,6 +654,7 @@ const ThreadServicesInterface::Slots g_threadSlots{
     .AddFinishedObserver = &AddFinishedObserver,
     .ThreadedExclusiveResource = &ThreadedExclusiveResource,
     .GetExclusiveWaiterCount = &GetExclusiveWaiterCount,
+    .GetCurrentQueue = &GetCurrentQueue,
 };
 
 const JobQueueInterface::Slots g_queueSlots{
