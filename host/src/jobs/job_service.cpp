@@ -104,6 +104,10 @@ struct JobQueueObject {
     // Set when `Free` begins: jobs of the queue no longer name it as their current queue, so
     // work they hand on goes to the default queue instead of one that is going away.
     std::atomic<bool> freeing{false};
+    // The queue's own hold, dropped when its free ends, and one per job queued on it, dropped
+    // when the job object goes: a thread waiting for a job reads the job's queue up to the
+    // moment it sees the job end, and that may be after the free.
+    std::atomic<Int> holders{1};
     // Queued or running jobs, each holding a reference: a list through the jobs themselves, so
     // that a job joins and leaves it without an allocation.
     JobObject* live = nullptr;
@@ -196,6 +200,10 @@ JobQueueObject& DefaultQueue() {
     return *queue;
 }
 
+void ReleaseQueue(JobQueueObject* queue) {
+    if (queue->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete queue;
+}
+
 void AddJobReference(JobObject* job) {
     if (job) job->references.fetch_add(1, std::memory_order_relaxed);
 }
@@ -204,8 +212,10 @@ void RemoveJobReference(JobObject* job) {
     while (job) {
         if (job->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
         JobObject* parent = job->parent;
+        JobQueueObject* queue = job->queue.load(std::memory_order_relaxed);
         if (job->freeUser) job->freeUser(job->user);
         delete job;
+        if (queue) ReleaseQueue(queue);
         job = parent;
     }
 }
@@ -391,7 +401,8 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
         std::lock_guard<std::mutex> lock(q.mutex);
         q.AddLive(job);
     }
-    AddJobReference(job);  // the queue's, dropped when the job ends
+    AddJobReference(job);                               // the queue's, dropped when the job ends
+    q.holders.fetch_add(1, std::memory_order_relaxed);  // the job's, dropped when it goes
     job->queue.store(&q, std::memory_order_relaxed);
     TsanRelease(job);
     job->state.store(JOBSTATE::QUEUED, std::memory_order_release);
@@ -597,13 +608,14 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     }
 }
 
-// The end of a free: once every arena task of the queue has returned, the arena and the queue go.
+// The end of a free: once every arena task of the queue has returned, the arena goes; the queue
+// object goes with the last of its own hold and its jobs' holds.
 void FinishFreeingQueue(JobQueueObject* queue) {
     // Arena tasks whose job a waiter ran still hold the queue; let them return first.
     while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
     queue->arena.terminate();
     ReleaseWorkers(queue->threadCount);
-    delete queue;
+    ReleaseQueue(queue);
 }
 
 Result<void> FinishFreeingQueueJob(void* queue) {
