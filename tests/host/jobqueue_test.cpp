@@ -43,11 +43,11 @@ private:
 // come).
 class Arrivals {
 public:
+    // Notifies under the lock: a waiter that returns may destroy this at once, and must not do
+    // so while an arrival still wakes it (an observer's arrival is the last thing it does).
     void Arrive() {
-        {
-            std::lock_guard<std::mutex> lock(_m);
-            ++_count;
-        }
+        std::lock_guard<std::mutex> lock(_m);
+        ++_count;
         _cv.notify_all();
     }
     bool WaitFor(int n) {
