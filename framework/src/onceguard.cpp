@@ -67,9 +67,11 @@ Result<void> OnceGuard::RunAsOwner(JobFunction build, void* user, FAILURE failur
     ThreadServicesInterface::AddJobReference(raw);
     const UInt running = reinterpret_cast<UInt>(raw) | RUNNING;
     _word.store(running, std::memory_order_release);
-    // The host names no queue of the calling job, so the build goes to the default queue. A
-    // job that could not be queued runs inline in the wait below.
-    Result<void> queued = job.Enqueue(nullptr);
+    // The build goes to the caller's own queue (the default queue for a plain thread): that
+    // queue's threads, and its waiters, are the ones meant to do the caller's work. On a queue
+    // of one thread the wait below runs the build itself, as it does any job it finds
+    // unstarted; a job that could not be queued runs there too.
+    Result<void> queued = job.Enqueue(ThreadServicesInterface::GetCurrentQueue());
     (void)queued;
     job.Wait(JOB_WAIT_INFINITE);
     const Result<void> r = job.GetResult();

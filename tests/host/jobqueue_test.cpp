@@ -43,11 +43,11 @@ private:
 // come).
 class Arrivals {
 public:
+    // Notifies under the lock: a waiter that returns may destroy this at once, and must not do
+    // so while an arrival still wakes it (an observer's arrival is the last thing it does).
     void Arrive() {
-        {
-            std::lock_guard<std::mutex> lock(_m);
-            ++_count;
-        }
+        std::lock_guard<std::mutex> lock(_m);
+        ++_count;
         _cv.notify_all();
     }
     bool WaitFor(int n) {
@@ -318,6 +318,108 @@ TEST(JobQueue, AFinishedObserverMayCancelAndFreeItsOwnQueue) {
     };
     for (int i = 0; i < 100000 && listed(); ++i) std::this_thread::yield();
     EXPECT_FALSE(listed()) << "the queue was never freed";
+}
+
+// The current queue is the private queue of the job on the calling thread: null on a plain
+// thread and in a job of the default queue, the private queue in its jobs wherever they run (on
+// its worker, or inline in a plain thread's wait), the waiter's queue in a job that was never
+// queued, and null again once the queue's free has begun.
+TEST(JobQueue, TheCurrentQueueIsThePrivateQueueOfTheJobOnTheThread) {
+    auto current = [] { return ThreadServicesInterface::GetCurrentQueue(); };
+    EXPECT_EQ(current(), nullptr);
+    JobQueueRef queue = MakeQueue(1);
+    ASSERT_TRUE(queue);
+    JobQueueObject* const q = queue.Get();
+    const std::thread::id tester = std::this_thread::get_id();
+
+    // On the queue's worker, and in the jobs its wait runs: one never queued, one of the
+    // default queue.
+    std::atomic<JobQueueObject*> own{nullptr}, unqueued{nullptr}, afterwards{q};
+    std::atomic<JobQueueObject*> ofDefault{q};
+    std::atomic<bool> onWorker{false};
+    Arrivals started;
+    JobRef job = MakeJob([&]() -> Result<void> {
+        started.Arrive();
+        onWorker = std::this_thread::get_id() != tester;
+        own = current();
+        JobRef inner = MakeJob([&]() -> Result<void> {
+            unqueued = current();
+            return OK;
+        });
+        inner.Wait();  // never queued: runs here
+        JobRef other = MakeJob([&]() -> Result<void> {
+            ofDefault = current();
+            return OK;
+        });
+        EXPECT_TRUE(other.Enqueue(nullptr).IsOk());
+        other.Wait();
+        afterwards = current();
+        return OK;
+    });
+    ASSERT_TRUE(job.Enqueue(q).IsOk());
+    // Waiting only once it runs keeps it on the worker.
+    ASSERT_TRUE(started.WaitFor(1));
+    EXPECT_TRUE(job.Wait());
+    EXPECT_TRUE(onWorker.load());
+    EXPECT_EQ(own.load(), q);
+    EXPECT_EQ(unqueued.load(), q);
+    EXPECT_EQ(ofDefault.load(), nullptr);
+    EXPECT_EQ(afterwards.load(), q);
+    EXPECT_EQ(current(), nullptr);
+
+    // A job of the queue that this plain thread's wait runs, while the worker is held.
+    Gate gate;
+    Arrivals holding;
+    JobRef holder = MakeJob([&]() -> Result<void> {
+        holding.Arrive();
+        gate.Pass();
+        return OK;
+    });
+    ASSERT_TRUE(holder.Enqueue(q).IsOk());
+    ASSERT_TRUE(holding.WaitFor(1));
+    std::atomic<JobQueueObject*> ranInline{nullptr};
+    std::atomic<bool> onTester{false};
+    JobRef waited = MakeJob([&]() -> Result<void> {
+        onTester = std::this_thread::get_id() == tester;
+        ranInline = current();
+        return OK;
+    });
+    ASSERT_TRUE(waited.Enqueue(q).IsOk());
+    EXPECT_TRUE(waited.Wait());
+    gate.Open();
+    EXPECT_TRUE(holder.Wait());
+    EXPECT_TRUE(onTester.load());
+    EXPECT_EQ(ranInline.load(), q);
+    EXPECT_EQ(current(), nullptr);
+
+    // A job of the default queue.
+    std::atomic<JobQueueObject*> defaultJob{q};
+    JobRef plain = MakeJob([&]() -> Result<void> {
+        defaultJob = current();
+        return OK;
+    });
+    ASSERT_TRUE(plain.Enqueue(nullptr).IsOk());
+    EXPECT_TRUE(plain.Wait());
+    EXPECT_EQ(defaultJob.load(), nullptr);
+
+    // A job that frees its own queue names it up to the free, and no more after.
+    JobQueueObject* freed = JobQueueInterface::Alloc(JOBQUEUETYPE::NORMAL, 1, JOBQUEUEMODE::DEFAULT,
+                                                     "freed by its own job", QUORV_SOURCE_LOCATION);
+    ASSERT_NE(freed, nullptr);
+    std::atomic<JobQueueObject*> beforeFree{nullptr}, afterFree{freed};
+    Arrivals freeing;
+    JobRef freer = MakeJob([&]() -> Result<void> {
+        freeing.Arrive();
+        beforeFree = current();
+        JobQueueInterface::Free(freed);
+        afterFree = current();
+        return OK;
+    });
+    ASSERT_TRUE(freer.Enqueue(freed).IsOk());
+    ASSERT_TRUE(freeing.WaitFor(1));
+    EXPECT_TRUE(freer.Wait());
+    EXPECT_EQ(beforeFree.load(), freed);
+    EXPECT_EQ(afterFree.load(), nullptr);
 }
 
 TEST(ConditionVariable, SetFreesEveryWaiterForGood) {

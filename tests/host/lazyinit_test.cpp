@@ -74,6 +74,80 @@ TEST(LazyInitThreaded, CancelAndResetCancelsAPendingRunAndWaits) {
     EXPECT_EQ(lazy.GetState(), STATE::UNINITIALIZED);
 }
 
+// The work runs as a job of its caller's queue: the default queue (null) for a plain thread,
+// the private queue for a job of one. With one thread, the queue's only worker is the caller,
+// blocked in its wait: the work runs only because that wait runs it itself. A host without
+// the current-queue slot (its zero answer) sends the work to the default queue, and the caller
+// still gets it done.
+TEST(LazyInitThreaded, TheWorkRunsOnTheQueueOfItsCaller) {
+    using Slot = decltype(ThreadServicesInterface::slots.GetCurrentQueue);
+    const Slot bound = ThreadServicesInterface::slots.GetCurrentQueue;
+    const Slot unbound = reinterpret_cast<Slot>(
+        ThreadServicesInterface::Describe().stubs[ThreadServicesInterface::IDX_GetCurrentQueue]);
+    struct Seen {
+        std::atomic<int> runs{0};
+        std::atomic<JobQueueObject*> queue{nullptr};
+        std::atomic<bool> onCallersThread{false};
+    };
+    // Runs `lazy` with work that records where it runs (the host's own answer, whatever the
+    // slot table says); `caller` is the thread that asks.
+    auto ask = [bound](LazyInitThreaded& lazy, Seen& seen, std::thread::id caller) {
+        return lazy.Run([&seen, caller, bound]() -> Result<void> {
+            ++seen.runs;
+            seen.queue = bound();
+            seen.onCallersThread = std::this_thread::get_id() == caller;
+            return OK;
+        });
+    };
+
+    LazyInitThreaded fromThread;
+    Seen plain;
+    plain.queue = reinterpret_cast<JobQueueObject*>(&plain);  // anything but null
+    EXPECT_TRUE(ask(fromThread, plain, std::this_thread::get_id()).IsOk());
+    EXPECT_EQ(plain.runs.load(), 1);
+    EXPECT_EQ(plain.queue.load(), nullptr);
+
+    for (const Slot slot : {bound, unbound}) {
+        SCOPED_TRACE(slot == bound ? "current-queue slot bound" : "current-queue slot unbound");
+        JobQueueObject* queue = JobQueueInterface::Alloc(
+            JOBQUEUETYPE::LOWESTPRIORITY, 1, JOBQUEUEMODE::DEFAULT, "lazy", QUORV_SOURCE_LOCATION);
+        ASSERT_NE(queue, nullptr);
+        LazyInitThreaded lazy;
+        Seen seen;
+        std::atomic<bool> done{false};
+        Result<void> result = MakeError(ERRORKIND::ILLEGALSTATE, QUORV_SOURCE_LOCATION, "not run");
+        JobRef caller = ClosureJob::Create([&]() -> Result<void> {
+                            result = ask(lazy, seen, std::this_thread::get_id());
+                            done = true;
+                            return OK;
+                        }).GetValue();
+        ThreadServicesInterface::slots.GetCurrentQueue = slot;
+        ASSERT_TRUE(caller.Enqueue(queue).IsOk());
+        // Waiting for the caller only once it has ended keeps it on the queue's worker; a
+        // caller that waits for a worker it is itself fails here instead of stopping the run.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!done && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        if (!done) {
+            std::fprintf(stderr,
+                         "[  FAILED  ] a caller on a queue of one thread still waits "
+                         "for its work after 60 s\n");
+            std::fflush(stderr);
+            std::_Exit(EXIT_FAILURE);
+        }
+        EXPECT_TRUE(caller.Wait());
+        ThreadServicesInterface::slots.GetCurrentQueue = bound;
+        EXPECT_TRUE(result.IsOk()) << ErrorToString(result.GetErrorPointer());
+        EXPECT_EQ(seen.runs.load(), 1);
+        EXPECT_EQ(seen.queue.load(), slot == bound ? queue : nullptr);
+        if (slot == bound) {
+            EXPECT_TRUE(seen.onCallersThread.load());
+        }
+        EXPECT_EQ(lazy.GetState(), STATE::INITIALIZED);
+        JobQueueInterface::Free(queue);
+    }
+}
+
 // ---- a caller inside the owner's wait, on the owner's thread --------------------------------
 
 decltype(ThreadServicesInterface::slots.Enqueue) g_hostEnqueue = nullptr;

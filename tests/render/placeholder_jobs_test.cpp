@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,9 @@ using Clock = std::chrono::steady_clock;
 // ---- the two services, watched -------------------------------------------------------------
 
 std::atomic<int> g_loads{0};
+// Where the last load ran: the queue its job names as current, and its thread.
+std::atomic<JobQueueObject*> g_loadQueue{nullptr};
+std::thread::id g_loadThreadId;
 decltype(ImageTextureInterface::slots.Load) g_hostLoad = nullptr;
 decltype(ThreadServicesInterface::slots.Enqueue) g_hostEnqueue = nullptr;
 
@@ -52,6 +56,8 @@ bool WaitFor(const std::atomic<bool>& flag, double seconds) {
 Result<ImageTextureObject*> WatchedLoad(const UrlObject* url, Float64 time, const char* storage,
                                         const LayerSetObject* layers) {
     ++g_loads;
+    g_loadQueue = ThreadServicesInterface::GetCurrentQueue();
+    g_loadThreadId = std::this_thread::get_id();
     if (g_armed.load()) {
         g_loadStarted = true;
         const Clock::time_point end = Clock::now() + std::chrono::seconds(20);
@@ -91,6 +97,25 @@ Ref<ImageTextureObject> Get(const char* id) {
         PreviewImagePlaceholderInterface::GetImage(LiteralId(id)));
 }
 
+// The placeholders' free step, then their start step, as an unload and a new load of the module
+// run them: every slot loads again on its next call.
+void RestartSlots() {
+    for (const auto& module : host::Host::Get().GetModules()) {
+        for (EntityBase* r : module->definitionsRun) {
+            if (r->GetType() != EntityBase::TYPE::INITIALIZATION) continue;
+            auto* step = static_cast<InitializationRecord*>(r);
+            if (!step->sourceName ||
+                !std::string_view(step->sourceName).ends_with("previewimageplaceholder_impl.cpp"))
+                continue;
+            step->free();
+            Result<void> started = step->init();
+            ASSERT_TRUE(started.IsOk()) << ErrorToString(started.GetErrorPointer());
+            return;
+        }
+    }
+    FAIL() << "the placeholders' start step was not run";
+}
+
 // ---- tests -----------------------------------------------------------------------------------
 
 // Many jobs of one pool ask for one slot; the slot's load job goes to that pool too and is
@@ -99,6 +124,7 @@ Ref<ImageTextureObject> Get(const char* id) {
 // watchdog below instead of stopping the run.
 TEST(PlaceholderJobs, CallersOnTheLoadsOwnPoolAllFinish) {
     Watch();
+    RestartSlots();
     const int loadsBefore = g_loads.load();
     // More callers than the pool has workers: some can only run inside another's wait.
     const int CALLERS = static_cast<int>(JobQueueInterface::GetThreadCount(nullptr)) + 8;
@@ -124,7 +150,7 @@ TEST(PlaceholderJobs, CallersOnTheLoadsOwnPoolAllFinish) {
                 ++finished;
                 return OK;
             }).GetValue();
-        ASSERT_TRUE(job.Enqueue(nullptr).IsOk());  // the default pool, where the load goes
+        ASSERT_TRUE(job.Enqueue(nullptr).IsOk());  // the default pool, the load's too
         jobs.push_back(job);
     }
     g_allQueued = true;
@@ -155,10 +181,56 @@ TEST(PlaceholderJobs, CallersOnTheLoadsOwnPoolAllFinish) {
     EXPECT_NE(seen.load(), nullptr);
 }
 
+// A load runs as a job of its caller's queue: the default queue for a plain thread, the private
+// queue for a job of one. A preview queue of one thread whose job asks for a placeholder has no
+// other worker for the load: the caller's wait must run it itself. A hang fails the test by the
+// watchdog below instead of stopping the run.
+TEST(PlaceholderJobs, ALoadRunsOnItsCallersQueueAndAOneThreadQueueRunsItInItsWait) {
+    Watch();
+    RestartSlots();
+    const int before = g_loads.load();
+    g_loadQueue = reinterpret_cast<JobQueueObject*>(&g_loads);  // anything but null
+    EXPECT_TRUE(Get(previewimageplaceholder::NOSPACE));
+    EXPECT_EQ(g_loads.load() - before, 1);
+    EXPECT_EQ(g_loadQueue.load(), nullptr) << "a plain thread's load left the default queue";
+
+    JobQueueRef queue =
+        JobQueueRef::Create(JOBQUEUETYPE::LOWESTPRIORITY, 1, JOBQUEUEMODE::DEFAULT, "one thread")
+            .GetValue();
+    std::atomic<bool> done{false};
+    std::atomic<bool> got{false};
+    std::thread::id callerThread;
+    JobRef caller = ClosureJob::Create([&]() -> Result<void> {
+                        callerThread = std::this_thread::get_id();
+                        got = static_cast<bool>(Get(previewimageplaceholder::ERROR));
+                        done = true;
+                        return OK;
+                    }).GetValue();
+    ASSERT_TRUE(caller.Enqueue(queue.Get()).IsOk());
+    // Not `Wait` before it has ended: that would run the caller on this thread.
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(60);
+    while (!done.load()) {
+        if (Clock::now() > end) {
+            std::fprintf(stderr,
+                         "[  FAILED  ] PlaceholderJobs.ALoadRunsOnItsCallersQueueAndAOneThreadQueue"
+                         "RunsItInItsWait: the caller still waits for its load after 60 s\n");
+            std::fflush(stderr);
+            std::_Exit(EXIT_FAILURE);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_TRUE(caller.Wait());
+    EXPECT_TRUE(got.load());
+    EXPECT_EQ(g_loads.load() - before, 2);
+    EXPECT_EQ(g_loadQueue.load(), queue.Get()) << "the load left its caller's queue";
+    EXPECT_EQ(g_loadThreadId, callerThread) << "the load ran off the queue's only thread";
+}
+
 // The empty id and unknown ids load nothing; one slot loads once and keeps its picture, another
 // slot loads its own.
 TEST(PlaceholderJobs, EachSlotLoadsOnceAndUnknownIdsLoadNothing) {
     Watch();
+    RestartSlots();
     const int before = g_loads.load();
     EXPECT_FALSE(Get(""));
     EXPECT_FALSE(Get("net.quorv.nodes.previewimageplaceholder"));

@@ -63,7 +63,8 @@ inline constexpr Float64 JOB_WAIT_INFINITE = DBL_MAX;
     M(Result<void>, AddCancelledObserver, (JobObject* job, JobObserver observer, void* user), (job, observer, user)) \
     M(Result<void>, AddFinishedObserver, (JobObject* job, JobObserver observer, void* user), (job, observer, user)) \
     M(void, ThreadedExclusiveResource, (Bool enter), (enter)) \
-    M(Int, GetExclusiveWaiterCount, (), ())
+    M(Int, GetExclusiveWaiterCount, (), ()) \
+    M(JobQueueObject*, GetCurrentQueue, (), ())
 #define QUORV_JOBQUEUE_METHODS(M) \
     M(JobQueueObject*, Alloc, (JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE mode, const char* name, const SourceLocation& loc), (type, threadCount, mode, name, loc)) \
     M(void, Free, (JobQueueObject* queue), (queue)) \
@@ -96,6 +97,11 @@ inline constexpr Float64 JOB_WAIT_INFINITE = DBL_MAX;
 ///   thread that ends the job; an observer added after the event runs at once.
 /// * `ThreadedExclusiveResource(true/false)`: brackets a wait for a resource held elsewhere
 ///   (a lazy build in flight); `GetExclusiveWaiterCount` says how many threads are inside.
+/// * `GetCurrentQueue`: the private queue of the job that runs on the calling thread, for work
+///   the job hands on to run beside it (`Enqueue` of the answer); null for a plain thread, a
+///   job of the default queue, or a queue that is being freed. A job that was never queued
+///   (run by a waiter) counts as a job of the waiter's queue. It is the last slot: a host that
+///   predates it leaves it unbound, which answers null, the default queue.
 QUORV_NONVIRTUAL_INTERFACE(ThreadServicesInterface, "net.quorv.interface.threadservices",
                            QUORV_THREADSERVICES_METHODS);
 
@@ -138,7 +144,9 @@ public:
     void Set() const {
         if (_c) ConditionVariableInterface::Set(_c);
     }
-    Bool Wait(TimeValue timeout) const { return _c ? ConditionVariableInterface::Wait(_c, timeout) : true; }
+    Bool Wait(TimeValue timeout) const {
+        return _c ? ConditionVariableInterface::Wait(_c, timeout) : true;
+    }
     Bool IsSet() const { return _c ? ConditionVariableInterface::IsSet(_c) : true; }
     explicit operator bool() const { return _c != nullptr; }
 

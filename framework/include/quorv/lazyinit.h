@@ -1,8 +1,10 @@
 #pragma once
 /// `LazyInitThreaded`: a value made once, by a job, on first use. The first caller moves the
 /// state from UNINITIALIZED to PENDING, runs the work as a job (its parent the caller's job, on
-/// the default queue) and waits for it without a time limit, a wait that lends the thread to
-/// other jobs of that queue. Callers that come while it is PENDING wait for the same job.
+/// the caller's queue: `ThreadServicesInterface::GetCurrentQueue`, the default queue for a
+/// plain thread) and waits for it without a time limit, a wait that runs the job itself if no
+/// thread has started it yet and otherwise lends the thread to other jobs of that queue.
+/// Callers that come while it is PENDING wait for the same job.
 /// Success makes the state INITIALIZED and drops the job; a failure makes it FAILED and keeps
 /// the finished job, so every later caller gets the same error at once, inside
 /// `ThreadedExclusiveResource` marks, and the work is never tried again. `Reset` goes back to

@@ -44,8 +44,9 @@ public:
         MARK_DONE,
     };
 
-    /// Runs `build(user)` once as a job whose parent is the caller's current job and waits for
-    /// it. Answers OK once done; the kept error after a failure (KEEP_ERROR); the
+    /// Runs `build(user)` once as a job whose parent is the caller's current job, on the
+    /// caller's queue (`ThreadServicesInterface::GetCurrentQueue`), and waits for it.
+    /// Answers OK once done; the kept error after a failure (KEEP_ERROR); the
     /// operation-cancelled error when the build was cancelled, in which case the guard is free
     /// again and a later call retries; the out-of-memory error when no job could be made.
     Result<void> Run(JobFunction build, void* user, FAILURE failure);

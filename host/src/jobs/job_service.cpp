@@ -101,6 +101,13 @@ struct JobQueueObject {
     tbb::concurrent_queue<JobObject*> pending;
     std::mutex mutex;
     std::condition_variable idle;
+    // Set when `Free` begins: jobs of the queue no longer name it as their current queue, so
+    // work they hand on goes to the default queue instead of one that is going away.
+    std::atomic<bool> freeing{false};
+    // The queue's own hold, dropped when its free ends, and one per job queued on it, dropped
+    // when the job object goes: a thread waiting for a job reads the job's queue up to the
+    // moment it sees the job end, and that may be after the free.
+    std::atomic<Int> holders{1};
     // Queued or running jobs, each holding a reference: a list through the jobs themselves, so
     // that a job joins and leaves it without an allocation.
     JobObject* live = nullptr;
@@ -193,6 +200,10 @@ JobQueueObject& DefaultQueue() {
     return *queue;
 }
 
+void ReleaseQueue(JobQueueObject* queue) {
+    if (queue->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete queue;
+}
+
 void AddJobReference(JobObject* job) {
     if (job) job->references.fetch_add(1, std::memory_order_relaxed);
 }
@@ -201,8 +212,10 @@ void RemoveJobReference(JobObject* job) {
     while (job) {
         if (job->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
         JobObject* parent = job->parent;
+        JobQueueObject* queue = job->queue.load(std::memory_order_relaxed);
         if (job->freeUser) job->freeUser(job->user);
         delete job;
+        if (queue) ReleaseQueue(queue);
         job = parent;
     }
 }
@@ -230,6 +243,19 @@ Bool IsCancelled(const JobObject* job) {
 JobObject* GetCurrentJob() { return t_currentJob; }
 
 Bool IsCurrentJobCancelled() { return IsCancelled(t_currentJob); }
+
+// The queue of the innermost job on this thread that went through a queue: a job a waiter ran
+// without it ever being queued does its work on the waiter's thread, so the waiter's queue.
+JobQueueObject* GetCurrentQueue() {
+    for (const JobObject* j = t_currentJob; j; j = j->outerOnThread) {
+        JobQueueObject* queue = j->queue.load(std::memory_order_acquire);
+        if (!queue) continue;
+        if (queue == &DefaultQueue() || queue->freeing.load(std::memory_order_acquire))
+            return nullptr;
+        return queue;
+    }
+    return nullptr;
+}
 
 void Cancel(JobObject* job) {
     if (!job || job->cancelled.exchange(true, std::memory_order_acq_rel)) return;
@@ -375,7 +401,8 @@ Result<void> Enqueue(JobObject* job, JobQueueObject* queue) {
         std::lock_guard<std::mutex> lock(q.mutex);
         q.AddLive(job);
     }
-    AddJobReference(job);  // the queue's, dropped when the job ends
+    AddJobReference(job);                               // the queue's, dropped when the job ends
+    q.holders.fetch_add(1, std::memory_order_relaxed);  // the job's, dropped when it goes
     job->queue.store(&q, std::memory_order_relaxed);
     TsanRelease(job);
     job->state.store(JOBSTATE::QUEUED, std::memory_order_release);
@@ -581,13 +608,14 @@ void CancelAndWaitQueue(JobQueueObject* queue) {
     }
 }
 
-// The end of a free: once every arena task of the queue has returned, the arena and the queue go.
+// The end of a free: once every arena task of the queue has returned, the arena goes; the queue
+// object goes with the last of its own hold and its jobs' holds.
 void FinishFreeingQueue(JobQueueObject* queue) {
     // Arena tasks whose job a waiter ran still hold the queue; let them return first.
     while (queue->arenaTasks.load(std::memory_order_acquire) != 0) std::this_thread::yield();
     queue->arena.terminate();
     ReleaseWorkers(queue->threadCount);
-    delete queue;
+    ReleaseQueue(queue);
 }
 
 Result<void> FinishFreeingQueueJob(void* queue) {
@@ -597,6 +625,7 @@ Result<void> FinishFreeingQueueJob(void* queue) {
 
 void FreeQueue(JobQueueObject* queue) {
     if (!queue || queue == &DefaultQueue()) return;
+    queue->freeing.store(true, std::memory_order_release);
     {
         std::lock_guard<std::mutex> lock(g_queuesMutex);
         g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
@@ -637,6 +666,7 @@ const ThreadServicesInterface::Slots g_threadSlots{
     .AddFinishedObserver = &AddFinishedObserver,
     .ThreadedExclusiveResource = &ThreadedExclusiveResource,
     .GetExclusiveWaiterCount = &GetExclusiveWaiterCount,
+    .GetCurrentQueue = &GetCurrentQueue,
 };
 
 const JobQueueInterface::Slots g_queueSlots{
