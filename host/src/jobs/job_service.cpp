@@ -493,9 +493,17 @@ Int GetExclusiveWaiterCount() { return g_exclusiveWaiters.load(std::memory_order
 
 // ---- queues ---------------------------------------------------------------------------------
 
-// The private queues alive, for listing.
-std::mutex g_queuesMutex;
-std::vector<JobQueueObject*> g_queues;
+// The private queues alive, for listing. Never destroyed: a job thread may free its queue (and
+// leave this list) while the process runs its exit destructors.
+struct QueueList {
+    std::mutex mutex;
+    std::vector<JobQueueObject*> queues;
+};
+
+QueueList& LiveQueues() {
+    static auto* list = new QueueList;
+    return *list;
+}
 
 JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, const char* name,
                            const SourceLocation&) {
@@ -506,8 +514,9 @@ JobQueueObject* AllocQueue(JOBQUEUETYPE type, Int threadCount, JOBQUEUEMODE, con
     JobQueueObject* queue = nullptr;
     try {
         queue = new JobQueueObject(threads, priority, name ? name : "");
-        std::lock_guard<std::mutex> lock(g_queuesMutex);
-        g_queues.push_back(queue);
+        QueueList& list = LiveQueues();
+        std::lock_guard<std::mutex> lock(list.mutex);
+        list.queues.push_back(queue);
     } catch (...) {
         delete queue;
         return nullptr;
@@ -627,8 +636,10 @@ void FreeQueue(JobQueueObject* queue) {
     if (!queue || queue == &DefaultQueue()) return;
     queue->freeing.store(true, std::memory_order_release);
     {
-        std::lock_guard<std::mutex> lock(g_queuesMutex);
-        g_queues.erase(std::remove(g_queues.begin(), g_queues.end(), queue), g_queues.end());
+        QueueList& list = LiveQueues();
+        std::lock_guard<std::mutex> lock(list.mutex);
+        list.queues.erase(std::remove(list.queues.begin(), list.queues.end(), queue),
+                          list.queues.end());
     }
     CancelAndWaitQueue(queue);
     if (t_arenaQueue != queue) {
@@ -692,8 +703,9 @@ std::vector<JobQueueListing> ListJobQueueEntries() {
         out.push_back(std::move(l));
     };
     add(DefaultQueue());
-    std::lock_guard<std::mutex> lock(g_queuesMutex);
-    for (JobQueueObject* q : g_queues) add(*q);
+    QueueList& list = LiveQueues();
+    std::lock_guard<std::mutex> lock(list.mutex);
+    for (JobQueueObject* q : list.queues) add(*q);
     return out;
 }
 
