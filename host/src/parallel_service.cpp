@@ -13,6 +13,7 @@
 #include "host_internal.h"
 #include "quorv/parallel.h"
 #include "services_impl.h"
+#include "tsan_marks.h"
 
 namespace quorv::host {
 
@@ -33,45 +34,91 @@ Int GetCurrentWorkerThreadIndex() {
     return i == tbb::task_arena::not_initialized ? 0 : i;
 }
 
+// What the partitions of one loop share; on the stack of the thread that runs the loop.
+struct LoopState {
+    LoopState(ParallelForBody b, void* u, Int w, tbb::task_group_context* c)
+        : body(b), user(u), workers(w), context(c) {}
+
+    ParallelForBody body;
+    void* user;
+    Int workers;
+    tbb::task_group_context* context;
+    std::mutex errorMutex;
+    Result<void> first = OK;
+    std::atomic<bool> failed{false};
+    // Each partition's release (a skipped one's too) and the acquire after the loop hand the
+    // workers' writes and reads back to the caller. One atomic add per partition.
+    std::atomic<Int> partitionsDone{0};
+};
+
+// The loop body oneTBB copies into its tasks: once when the loop starts, again each time a range
+// is split off for another worker. Copying a task, running it on another thread and reusing its
+// block from oneTBB's pool for the next task are all ordered inside libtbb, where the thread
+// sanitizer cannot see them; so the body states those hand-offs on its own address: a copy
+// acquires what the block's last user released and releases what its thread did before (the
+// caller's writes included); a run acquires that and releases when it ends.
+class Partition {
+public:
+    explicit Partition(LoopState* state) : state_(state) {}
+    Partition(const Partition& other) : state_((TsanAcquire(this), Source(other))) {
+        TsanRelease(this);
+    }
+    Partition& operator=(const Partition&) = delete;
+
+    void operator()(const tbb::blocked_range<Int>& r) const {
+        TsanAcquire(this);
+        LoopState& s = *state_;
+        if (!s.failed.load(std::memory_order_relaxed)) {
+            Int worker = GetCurrentWorkerThreadIndex();
+            if (worker < 0 || worker >= s.workers) worker = 0;
+            Result<void> result = s.body(s.user, r.begin(), r.end(), worker);
+            if (result.IsError()) {
+                std::lock_guard<std::mutex> lock(s.errorMutex);
+                if (!s.failed.exchange(true)) {
+                    s.first = result;
+                    s.context->cancel_group_execution();
+                }
+            }
+        }
+        s.partitionsDone.fetch_add(1, std::memory_order_release);
+        TsanRelease(this);
+    }
+
+private:
+    // A task stolen by a worker may be split there before it runs.
+    static LoopState* Source(const Partition& other) {
+        TsanAcquire(&other);
+        return other.state_;
+    }
+
+private:
+    LoopState* state_;
+};
+
 Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* user) {
     if (!body) return MakeError(ERRORKIND::NULLPTR, QUORV_SOURCE_LOCATION, "Loop body missing");
     if (to <= from) return OK;
     if (granularity < 1) granularity = 1;
-    std::mutex errorMutex;
-    Result<void> first = OK;
-    std::atomic<bool> failed{false};
-    // The loop's fork and join happen inside libtbb, where the thread sanitizer cannot see
-    // them: the caller's release on this counter and each partition's acquire make the caller's
-    // writes visible to the workers, each partition's release and the acquire after the loop the
-    // hand-back of the workers' writes (and reads). One atomic add per partition.
-    std::atomic<Int> partitionsDone{0};
-    partitionsDone.store(0, std::memory_order_release);
     try {
         tbb::task_group_context context;
-        const Int workers = GetWorkerCount();
-        LoopArena().execute([&] {
-            // The arena may hand this to a worker when its caller slot is taken.
-            (void)partitionsDone.load(std::memory_order_acquire);
-            tbb::parallel_for(
-                tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity)),
-                [&](const tbb::blocked_range<Int>& r) {
-                    (void)partitionsDone.load(std::memory_order_acquire);
-                    if (failed.load(std::memory_order_relaxed)) return;
-                    Int worker = GetCurrentWorkerThreadIndex();
-                    if (worker < 0 || worker >= workers) worker = 0;
-                    Result<void> result = body(user, r.begin(), r.end(), worker);
-                    if (result.IsError()) {
-                        std::lock_guard<std::mutex> lock(errorMutex);
-                        if (!failed.exchange(true)) {
-                            first = result;
-                            context.cancel_group_execution();
-                        }
-                    }
-                    partitionsDone.fetch_add(1, std::memory_order_release);
-                },
-                tbb::auto_partitioner(), context);
-        });
-        (void)partitionsDone.load(std::memory_order_acquire);
+        LoopState state(body, user, GetWorkerCount(), &context);
+        // The arena may hand the loop to a worker when its caller slot is taken: the same
+        // hand-off as a partition's copy, stated on the runner itself.
+        struct Runner {
+            LoopState* state;
+            tbb::blocked_range<Int> range;
+            void operator()() const {
+                TsanAcquire(this);
+                tbb::parallel_for(range, Partition(state), tbb::auto_partitioner(),
+                                  *state->context);
+            }
+        };
+        const Runner run{&state,
+                         tbb::blocked_range<Int>(from, to, static_cast<size_t>(granularity))};
+        TsanRelease(&run);
+        LoopArena().execute(run);
+        (void)state.partitionsDone.load(std::memory_order_acquire);
+        return state.first;
     } catch (const std::bad_alloc&) {
         return OutOfMemoryError();
     } catch (const std::exception& e) {
@@ -80,7 +127,6 @@ Result<void> For(Int from, Int to, Int granularity, ParallelForBody body, void* 
         return MakeError(ERRORKIND::OTHER, QUORV_SOURCE_LOCATION,
                          "Unexpected failure in a parallel loop");
     }
-    return first;
 }
 
 const ParallelInterface::Slots g_slots{
