@@ -5,6 +5,7 @@
 // by the entry's data type when the host knows it, and by its JSON form otherwise (so a default
 // beside an unknown type id is kept). An entry without identifier is refused; of two entries
 // with one identifier the later replaces the earlier in its place.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -176,6 +177,8 @@ Result<DescriptionObject*> LoadDescription(const LiteralId& id, const LiteralId&
                 candidates.push_back(folder / (name + ".json"));
             }
             for (const std::filesystem::path& file : candidates) {
+                // Two databases may name one folder: each file is tried and named once.
+                if (std::find(tried.begin(), tried.end(), file.string()) != tried.end()) continue;
                 std::error_code ec;
                 tried.push_back(file.string());
                 if (!std::filesystem::is_regular_file(file, ec)) continue;

@@ -190,12 +190,16 @@ TEST_F(DescriptionFolder, TextsComeInTheCurrentLanguageAndFallBackToEnglish) {
     EXPECT_EQ(translated("net.quorv.test.enonly"), "Only English");
     host::SetResourceOptions("", "fr");
     EXPECT_EQ(translated("net.quorv.test.both"), "English") << "no fr folder at all";
-    // Nowhere: the error lists both files it tried.
+    // Nowhere: the error lists both files it tried, each once though a second database names
+    // the same folder.
     host::SetResourceOptions("", "de");
+    const std::string twice = id + ".twice";
+    ASSERT_TRUE(host::RegisterDescriptionFolder(twice, dir.string()).IsOk());
     EXPECT_EQ(translated("net.quorv.test.none"),
               "error: Cannot load description net.quorv.test.none of category string: no file " +
                   (dir / "string/de/net.quorv.test.none.json").string() + ", " +
                   (dir / "string/en/net.quorv.test.none.json").string());
+    EXPECT_TRUE(host::UnregisterDescriptionFolder(twice));
 }
 
 TEST_F(DescriptionFolder, MalformedFilesNameIdCategoryAndFile) {
