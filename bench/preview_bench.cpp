@@ -241,10 +241,27 @@ void BM_BallSamples(benchmark::State& state) {
                                                LiteralId(MATERIALBALL_PROVIDER_ID));
         PreviewImageProviderInterface::Ref ball =
             PreviewImageProviderInterface::Ref::Cast(o.GetValue()).GetValue();
-        (void)ball.Initialize(request.GetValue(), 1);
-        for (Int i = 0; i < 3; ++i) (void)ball.ComputeIteration(nullptr);  // the reduced sizes
+        // Each iteration is taken before the next: the provider computes no new one while it
+        // still holds one the worker did not take.
+        Result<void> step = ball.Initialize(request.GetValue(), 1);
+        for (Int i = 0; i < 3 && step.IsOk(); ++i) {
+            step = ball.ComputeIteration(nullptr);
+            if (step.IsOk() && ball.TakeOutput().IsError()) break;
+        }
         state.ResumeTiming();
-        (void)ball.ComputeIteration(nullptr);
+        if (step.IsOk()) step = ball.ComputeIteration(nullptr);
+        state.PauseTiming();
+        Result<PreviewImageProviderOutput> taken = ball.TakeOutput();
+        state.ResumeTiming();
+        if (step.IsError()) {
+            state.SkipWithError(ErrorToString(step.GetErrorPointer()).c_str());
+            break;
+        }
+        if (taken.IsError() || taken.GetValue().iterationIndex != 3) {
+            // A failed take above also ends here: the index stayed short of the full size.
+            state.SkipWithError("the timed call computed no full-size iteration");
+            break;
+        }
         samples += 128 * 96 * BallNewSamples(1, 3);
     }
     state.SetItemsProcessed(samples);

@@ -15,7 +15,10 @@ namespace {
 
 // `image` is the loaded picture itself, the host's ImageTexture (the object GetImage hands
 // out), not a copy of its first image. `lock` guards `image` and `url` for the moment they are
-// read or written; the load and the wait for it happen outside it, serialised by `lazy`.
+// written, and the load's read of `url`; the load and the wait for it happen outside it,
+// serialised by `lazy`. A caller that found the load done reads `image` without the lock: it
+// is written before the load ends (the lazy state's acquire orders the read after it) and
+// next by the free step, which no caller may overlap.
 struct PlaceholderSlot {
     Ref<ImageTextureObject> image;
     LazyInitThreaded lazy;
@@ -83,7 +86,6 @@ ImageTextureObject* GetImage(const LiteralId& placeholder) {
         return OK;
     });
     if (loaded.IsError()) return nullptr;
-    ScopedSpinLock lock(slot.lock);
     ImageTextureObject* image = slot.image.Get();
     AddReference(image);
     return image;
