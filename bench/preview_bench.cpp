@@ -141,7 +141,7 @@ double Percentile(std::vector<double> v, double p) {
 // Job end to the next ComputeIteration of the same task, a no-op provider.
 void BM_IterationTurnaround(benchmark::State& state) {
     const Int count = 2000;
-    std::vector<double> gaps;
+    std::vector<double> gaps, firsts, lasts;
     for (auto _ : state) {
         Timeline t;
         t.starts.reserve(count);
@@ -149,9 +149,17 @@ void BM_IterationTurnaround(benchmark::State& state) {
         g_timeline = &t;
         Done done;
         BenchRequest r = MakeRequest(done, count, 0);
+        const Clock::time_point submitted = Clock::now();
         (void)r.request.Submit();
         WaitCalls(done, count);
+        const Clock::time_point woken = Clock::now();
         g_timeline = nullptr;
+        if (!t.starts.empty()) {
+            firsts.push_back(
+                std::chrono::duration<double, std::micro>(t.starts.front() - submitted).count());
+            lasts.push_back(
+                std::chrono::duration<double, std::micro>(woken - t.ends.back()).count());
+        }
         for (size_t i = 0; i + 1 < t.starts.size(); ++i) {
             gaps.push_back(
                 std::chrono::duration<double, std::nano>(t.starts[i + 1] - t.ends[i]).count());
@@ -159,8 +167,12 @@ void BM_IterationTurnaround(benchmark::State& state) {
     }
     state.counters["median_ns"] = Percentile(gaps, 0.5);
     state.counters["p99_ns"] = Percentile(gaps, 0.99);
+    // Paid once a request: Submit to its first ComputeIteration, the last iteration's end to
+    // the waiting thread woken by the last delivery.
+    state.counters["first_us"] = Percentile(firsts, 0.5);
+    state.counters["last_us"] = Percentile(lasts, 0.5);
 }
-BENCHMARK(BM_IterationTurnaround)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IterationTurnaround)->Iterations(9)->Unit(benchmark::kMillisecond);
 
 // A provider's work through the scheduler against the same calls made in a loop.
 // The iteration count is the argument: the request's creation, its first job's start and the

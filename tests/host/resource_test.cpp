@@ -80,5 +80,29 @@ TEST_F(ResourceFolder, ALanguageWithoutTheFileFallsBackToEnglish) {
               std::string::npos);
 }
 
+// The service reads a table once per folder and language: a later change of the file is seen
+// only after the options are set again, and a file that was missing is looked for again.
+TEST_F(ResourceFolder, TheServiceKeepsWhatItReadUntilTheOptionsChange) {
+    const std::string previous = host::GetResourceDirectory();
+    host::SetResourceOptions(dir.string(), "de");
+    auto load = [](const char* id, const char* key) {
+        Result<std::string> r = ResourceInterface::LoadResourceString(id, key);
+        return r.IsOk() ? r.GetValue() : "error: " + std::string(r.GetErrorPointer()->message);
+    };
+    EXPECT_EQ(load("table", "a"), "A auf de");
+    Write("de/table.json", R"({"a": "changed"})");
+    EXPECT_EQ(load("table", "a"), "A auf de");
+    EXPECT_EQ(load("later", "a").substr(0, 6), "error:");
+    Write("en/later.json", R"({"a": "now here"})");
+    EXPECT_EQ(load("later", "a"), "now here");
+    // The key decides, not the table: a missing key of a kept table names the file.
+    EXPECT_EQ(load("table", "zz"),
+              "error: Cannot load resource string zz of table: no such key in " +
+                  (dir / "strings" / "de" / "table.json").string());
+    host::SetResourceOptions(dir.string(), "de");
+    EXPECT_EQ(load("table", "a"), "changed");
+    host::SetResourceOptions(previous, "en");
+}
+
 }  // namespace
 }  // namespace quorv
