@@ -91,7 +91,6 @@ private:
         return other.state_;
     }
 
-private:
     LoopState* state_;
 };
 
