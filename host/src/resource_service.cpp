@@ -46,14 +46,11 @@ struct ResourceTable {
 };
 using TableRef = std::shared_ptr<const ResourceTable>;
 
-std::string WhatOf(std::string_view resourceId, std::string_view key) {
-    return "Cannot load resource string " + std::string(key) + " of " + std::string(resourceId);
-}
-
 Result<std::string> Fail(std::string_view resourceId, std::string_view key,
                          const std::string& why) {
     return MakeError(ERRORKIND::ILLEGALARGUMENT, QUORV_SOURCE_LOCATION,
-                     WhatOf(resourceId, key) + ": " + why);
+                     "Cannot load resource string " + std::string(key) + " of " +
+                         std::string(resourceId) + ": " + why);
 }
 
 // The table of `resourceId` in `language`, or in "en" where the language has no file. The key
